@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds ipc_db and runs its example application on a data directory
+# (default ./ipc_db_data, or the first argument). Installs missing packages.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake --preset release -DIPC_DB_BUILD_EXAMPLES=ON >/dev/null
+cmake --build --preset release -j "$jobs"
+./build/release/examples/event_recorder "${1:-./ipc_db_data}"

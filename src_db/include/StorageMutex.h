@@ -1,0 +1,36 @@
+// CSMutex: a thin, non-recursive wrapper over a POSIX mutex that reports
+// failures as results instead of aborting.
+#ifndef IPC_DB_STORAGE_MUTEX_H_
+#define IPC_DB_STORAGE_MUTEX_H_
+
+#include <pthread.h>
+
+#include "ipc_db_export.h"
+
+class IPC_DB_API CSMutex {
+ public:
+  // Leaves the mutex uninitialised (m_bInit 0); call Init() before use.
+  CSMutex();
+  // Destroys the mutex if Init() succeeded. REQUIRES: not locked.
+  ~CSMutex();
+
+  CSMutex(const CSMutex&) = delete;
+  CSMutex& operator=(const CSMutex&) = delete;
+
+  // Initialises the mutex with default attributes. Returns 0 on success or
+  // when already initialised (no re-initialisation); -1 with the error
+  // "RECORD: pthread_mutex_init failed" logged.
+  long long Init();
+  // Locks. Returns 0; -1 without a log when never initialised; -1 with
+  // "RECORD: pthread_mutex_lock failed" when the lock call fails. Locking
+  // twice from one thread blocks (the mutex is not recursive).
+  long long Lock();
+  // Unlocks. Returns 0; -1 without a log when never initialised; -1 with
+  // "RECORD: pthread_mutex_unlock failed" when the unlock call fails.
+  long long Unlock();
+
+  pthread_mutex_t m_mutex;
+  int m_bInit;  // 1 once m_mutex is initialised
+};
+
+#endif  // IPC_DB_STORAGE_MUTEX_H_
