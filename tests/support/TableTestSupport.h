@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 #include <sqlcipher/sqlite3.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +42,41 @@ struct ScalarTypes {
   }
   Meta int2, int4, int8, char8, char16, char32, blob8, blob64;
 };
+
+// The record most tests store: five columns of the four kinds.
+struct Person {
+  int32_t id;              // iId_pa: INTEGER PRIMARY KEY autoincrement
+  int32_t age;             // iAge: INTEGER
+  char name[8];            // cName: CHAR(8)
+  char note[16];           // tNote: TEXT
+  unsigned char data[8];   // bData: BLOB
+};
+
+inline Person MakePerson(int32_t id, int32_t age, const char* name, const char* note,
+                         unsigned char seed) {
+  Person person;
+  std::memset(&person, 0, sizeof(person));
+  person.id = id;
+  person.age = age;
+  // Texts as long as their field are stored without a terminator.
+  std::memcpy(person.name, name, std::min(std::strlen(name), sizeof(person.name)));
+  std::memcpy(person.note, note, std::min(std::strlen(note), sizeof(person.note)));
+  for (size_t i = 0; i < sizeof(person.data); ++i) {
+    person.data[i] = static_cast<unsigned char>(seed + i);
+  }
+  return person;
+}
+
+// Hex text of a Person's data field as SQLite's hex() prints it.
+inline std::string HexOf(const unsigned char* bytes, size_t size) {
+  static const char kDigits[] = "0123456789ABCDEF";
+  std::string hex;
+  for (size_t i = 0; i < size; ++i) {
+    hex.push_back(kDigits[bytes[i] >> 4]);
+    hex.push_back(kDigits[bytes[i] & 15]);
+  }
+  return hex;
+}
 
 // An integer filter value travels in the pointer slot.
 inline void* IntSlot(long long value) {
@@ -95,6 +133,17 @@ class DbTest : public testing::Test {
   Rows Query(const std::string& sql) { return QueryRows(Handle(), sql); }
   void Exec(const std::string& sql) { ExecRaw(Handle(), sql); }
   std::string DbFile() const { return dir_.Path() + "test.db"; }
+
+  // Describes Person as table `name` (members iId_pa, iAge, cName, tNote,
+  // bData in that order).
+  void DescribePerson(Meta* meta, const std::string& name = "t_person") {
+    meta->Init(name, sizeof(Person));
+    meta->AddMember(new Member("iId_pa", offsetof(Person, id), &types_.int4));
+    meta->AddMember(new Member("iAge", offsetof(Person, age), &types_.int4));
+    meta->AddMember(new Member("cName", offsetof(Person, name), &types_.char8));
+    meta->AddMember(new Member("tNote", offsetof(Person, note), &types_.char16));
+    meta->AddMember(new Member("bData", offsetof(Person, data), &types_.blob8));
+  }
 
   // Creates the table of `meta` and keeps the handle.
   Table* Create(Meta* meta, int analyzeName) {
