@@ -4,9 +4,9 @@
 # mirror that is syncing): the other indexes are still usable.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev)
+packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev libbenchmark-dev)
 if [[ "${1:-}" == "--all" ]]; then
-  packages+=(libbenchmark-dev g++-arm-linux-gnueabihf qemu-user valgrind clang libclang-rt-14-dev)
+  packages+=(g++-arm-linux-gnueabihf qemu-user valgrind clang libclang-rt-14-dev python3)
 fi
 
 missing=()
