@@ -127,34 +127,6 @@ ColumnKind KindOf(const Member* member) {
   return member->sql_type == "BLOB" ? ColumnKind::kBlob : ColumnKind::kText;
 }
 
-void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
-                char* dest) {
-  switch (kind) {
-    case ColumnKind::kInt32: {
-      int value = sqlite3_column_int(stmt, column);
-      memcpy_s(dest, sizeof(value), &value, sizeof(value));
-      return;
-    }
-    case ColumnKind::kInt64: {
-      sqlite3_int64 value = sqlite3_column_int64(stmt, column);
-      memcpy_s(dest, sizeof(value), &value, sizeof(value));
-      return;
-    }
-    case ColumnKind::kBlob: {
-      const void* data = sqlite3_column_blob(stmt, column);
-      int bytes = sqlite3_column_bytes(stmt, column);
-      memcpy_s(dest, width, data, static_cast<size_t>(bytes));
-      return;
-    }
-    case ColumnKind::kText: {
-      const char* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-      int bytes = sqlite3_column_bytes(stmt, column);
-      strncpy_s(dest, width, text, static_cast<size_t>(bytes));
-      return;
-    }
-  }
-}
-
 void LogSqliteFailure(SqliteCall call, int code, sqlite3* db) {
   long long wide = code;
   switch (call) {

@@ -8,6 +8,7 @@
 
 #include <sqlcipher/sqlite3.h>
 
+#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "Log.h"
 #include "Meta.h"
 #include "Table.h"
+#include "bounded_mem.h"
 
 namespace ipc_db::detail {
 
@@ -79,9 +81,35 @@ ColumnKind KindOf(const Member* member);
 // wide, straight from SQLite's buffers. Integers are stored as 4 or 8 bytes;
 // a blob that does not fit, or a NULL blob, leaves the field zero-filled; a
 // text that does not fit with its terminator, or a NULL text, leaves an
-// empty string.
-void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
-                char* dest);
+// empty string. Inline: it runs once per column of every row read, and the
+// integer stores compile down to a single move.
+inline void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
+                       char* dest) {
+  switch (kind) {
+    case ColumnKind::kInt32: {
+      int value = sqlite3_column_int(stmt, column);
+      std::memcpy(dest, &value, sizeof(value));
+      return;
+    }
+    case ColumnKind::kInt64: {
+      sqlite3_int64 value = sqlite3_column_int64(stmt, column);
+      std::memcpy(dest, &value, sizeof(value));
+      return;
+    }
+    case ColumnKind::kBlob: {
+      const void* data = sqlite3_column_blob(stmt, column);
+      int bytes = sqlite3_column_bytes(stmt, column);
+      memcpy_s(dest, width, data, static_cast<size_t>(bytes));
+      return;
+    }
+    case ColumnKind::kText: {
+      const char* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+      int bytes = sqlite3_column_bytes(stmt, column);
+      strncpy_s(dest, width, text, static_cast<size_t>(bytes));
+      return;
+    }
+  }
+}
 
 enum class SqliteCall { kPrepare, kBindBlob, kStep };
 
