@@ -9,12 +9,15 @@
 #include <cstdarg>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Log.h"
 #include "Meta.h"
 #include "db/FieldText.h"
+#include "db/TermText.h"
 
+using ipc_db::detail::AppendDecimal;
 using ipc_db::detail::AppendFieldChars;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::SlotInt;
@@ -36,7 +39,7 @@ void AppendQuoted(std::string* out, const void* value, size_t width) {
 // otherwise the quoted characters it points at.
 void AppendValue(std::string* out, const Member* member, const void* value) {
   if (IsIntegerMember(member)) {
-    out->append(std::to_string(SlotInt(value)));
+    AppendDecimal(out, SlotInt(value));
   } else {
     AppendQuoted(out, value, FieldWidth(member));
   }
@@ -59,7 +62,7 @@ long long IntegerElement(const char* array, size_t width, int index) {
 void AppendIntegerList(std::string* out, const char* array, size_t width, int count) {
   for (int i = 0; i < count; ++i) {
     if (i > 0) out->append(" , ");
-    out->append(std::to_string(IntegerElement(array, width, i)));
+    AppendDecimal(out, IntegerElement(array, width, i));
   }
   out->append(" )");
 }
@@ -74,7 +77,7 @@ void AppendTextList(std::string* out, const char* array, size_t width, int count
 }
 
 // N IN (...): value1 is the array, value2 carries the element count.
-void AppendInList(std::string* out, const DbFilter& term, const std::string& column) {
+void AppendInList(std::string* out, const DbFilter& term, std::string_view column) {
   const char* array = static_cast<const char*>(term.value1);
   size_t width = FieldWidth(term.member);
   int count = SlotInt(term.value2);
@@ -111,12 +114,12 @@ bool NamesColumn(DbFilterOperator op) {
   }
 }
 
-void AppendBetween(std::string* out, const DbFilter& term, const std::string& column) {
+void AppendBetween(std::string* out, const DbFilter& term, std::string_view column) {
   out->append(column).append(" between ");
   if (IsIntegerMember(term.member)) {
-    out->append(std::to_string(SlotInt(term.value1)));
+    AppendDecimal(out, SlotInt(term.value1));
     out->append(" and ");
-    out->append(std::to_string(SlotInt(term.value2)));
+    AppendDecimal(out, SlotInt(term.value2));
   } else {
     AppendQuoted(out, term.value1, FieldWidth(term.member));
     out->append(" and ");
@@ -124,28 +127,53 @@ void AppendBetween(std::string* out, const DbFilter& term, const std::string& co
   }
 }
 
-// Renders `term` with `column` as the column name.
-std::string RenderTerm(const DbFilter& term, const std::string& column) {
-  std::string out;
+// Appends `term` rendered with `column` as the column name.
+void AppendTerm(const DbFilter& term, std::string_view column, std::string* out) {
   if (const char* comparison = ComparisonText(term.op)) {
-    out.append(column).append(comparison);
-    AppendValue(&out, term.member, term.value1);
-    return out;
+    out->append(column).append(comparison);
+    AppendValue(out, term.member, term.value1);
+    return;
   }
   switch (term.op) {
-    case DB_FILTER_OP_AND: return " and ";
-    case DB_FILTER_OP_ORDER_BY: return "order by " + column;
-    case DB_FILTER_OP_ORDER_BY_DESC: return "order by " + column + " DESC ";
-    case DB_FILTER_OP_LIMIT: return "limit " + std::to_string(SlotInt(term.value1));
-    case DB_FILTER_OP_OFFSET: return "offset " + std::to_string(SlotInt(term.value1));
-    case DB_FILTER_OP_BETWEEN: AppendBetween(&out, term, column); return out;
+    case DB_FILTER_OP_AND: out->append(" and "); return;
+    case DB_FILTER_OP_ORDER_BY: out->append("order by ").append(column); return;
+    case DB_FILTER_OP_ORDER_BY_DESC:
+      out->append("order by ").append(column).append(" DESC ");
+      return;
+    case DB_FILTER_OP_LIMIT:
+      out->append("limit ");
+      AppendDecimal(out, SlotInt(term.value1));
+      return;
+    case DB_FILTER_OP_OFFSET:
+      out->append("offset ");
+      AppendDecimal(out, SlotInt(term.value1));
+      return;
+    case DB_FILTER_OP_BETWEEN: AppendBetween(out, term, column); return;
     case DB_FILTER_OP_LIKE:
-      out.append(column).append(" like ");
-      AppendQuoted(&out, term.value1, FieldWidth(term.member));
-      return out;
-    case DB_FILTER_OP_IN: AppendInList(&out, term, column); return out;
-    default: return " ";
+      out->append(column).append(" like ");
+      AppendQuoted(out, term.value1, FieldWidth(term.member));
+      return;
+    case DB_FILTER_OP_IN: AppendInList(out, term, column); return;
+    default: out->append(" "); return;
   }
+}
+
+// The part of a decorated name that getFilterName returns, as a view into
+// `name`: without the first character and without everything from the last
+// "_"; empty when that "_" is at 0 or 1.
+std::string_view FilterNameOf(const std::string& name) {
+  std::string_view view(name);
+  size_t underscore = view.rfind('_');
+  if (underscore == std::string_view::npos) return view.empty() ? view : view.substr(1);
+  if (underscore <= 1) return std::string_view();
+  return view.substr(1, underscore - 1);
+}
+
+// The column a term names (none for and-, limit- and offset-terms): the
+// member's name as it stands, or the part getFilterName derives from it.
+std::string_view ColumnOf(const DbFilter& term, bool derivedName) {
+  if (!NamesColumn(term.op)) return std::string_view();
+  return derivedName ? FilterNameOf(term.member->name) : std::string_view(term.member->name);
 }
 
 }  // namespace
@@ -156,18 +184,24 @@ DbFilter::DbFilter(Member* member, DbFilterOperator op, void* value1, void* valu
 DbFilter::~DbFilter() {}
 
 std::string DbFilter::op2Str() {
-  return RenderTerm(*this, NamesColumn(op) ? member->name : std::string());
+  std::string out;
+  AppendTerm(*this, ColumnOf(*this, false), &out);
+  return out;
 }
 
 std::string DbFilter::op2StrAnalyze() {
-  return RenderTerm(*this, NamesColumn(op) ? getFilterName(member->name) : std::string());
+  std::string out;
+  AppendTerm(*this, ColumnOf(*this, true), &out);
+  return out;
 }
 
 std::string DbFilter::getFilterName(std::string name) {
-  size_t underscore = name.rfind('_');
-  if (underscore == std::string::npos) return name.empty() ? name : name.substr(1);
-  if (underscore <= 1) return std::string();
-  return name.substr(1, underscore - 1);
+  return std::string(FilterNameOf(name));
+}
+
+void ipc_db::detail::AppendTermText(const DbFilter& term, bool derivedName,
+                                    std::string* out) {
+  AppendTerm(term, ColumnOf(term, derivedName), out);
 }
 
 DbFilters::DbFilters() {}

@@ -5,8 +5,10 @@
 #ifndef IPC_DB_SRC_DB_FIELDTEXT_H_
 #define IPC_DB_SRC_DB_FIELDTEXT_H_
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace ipc_db::detail {
@@ -21,13 +23,22 @@ inline int32_t SlotInt(const void* slot) {
 // stopping at the first zero byte or after the character at index `width`.
 // The bound is inclusive on purpose: a field filled to its last byte with no
 // terminator contributes the byte that follows it as well. Nothing is
-// escaped. A null field contributes nothing.
+// escaped. A null field contributes nothing. The characters are found with
+// one scan and appended with one copy.
 inline void AppendFieldChars(std::string* out, const char* field, size_t width) {
   if (field == nullptr) return;
-  for (size_t i = 0; i <= width; ++i) {
-    if (field[i] == '\0') return;
-    out->push_back(field[i]);
-  }
+  const void* zero = std::memchr(field, '\0', width + 1);
+  size_t length = zero != nullptr ? static_cast<size_t>(static_cast<const char*>(zero) - field)
+                                  : width + 1;
+  out->append(field, length);
+}
+
+// Appends `value` in plain decimal, as std::to_string writes it, without a
+// temporary string.
+inline void AppendDecimal(std::string* out, long long value) {
+  char digits[24];
+  std::to_chars_result written = std::to_chars(digits, digits + sizeof(digits), value);
+  out->append(digits, static_cast<size_t>(written.ptr - digits));
 }
 
 }  // namespace ipc_db::detail

@@ -7,10 +7,14 @@
 #include "DBConn.h"
 #include "SQLiteDBConn.h"
 #include "bounded_mem.h"
+#include "db/TermText.h"
 
 namespace ipc_db::detail {
 
 namespace {
+
+// Length of a rendered term with its joint, for reserving room up front.
+constexpr size_t kTypicalTermLength = 32;
 
 bool IsClauseOperator(DbFilterOperator op) {
   return op >= DB_FILTER_OP_AND && op <= DB_FILTER_OP_OFFSET;
@@ -48,8 +52,8 @@ std::string ColumnName(const Table& table, const Member* member) {
   return table.parent->getName(member->name);
 }
 
-std::string RenderTerm(const Table& table, DbFilter* term) {
-  return table.analyze_name == 0 ? term->op2Str() : term->op2StrAnalyze();
+void AppendTerm(const Table& table, const DbFilter* term, std::string* sql) {
+  AppendTermText(*term, table.analyze_name != 0, sql);
 }
 
 std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols) {
@@ -92,12 +96,14 @@ bool AppendFilterClause(const Table& table, const DbFilters& filters, std::strin
     LogWrongFormat();
     return false;
   }
+  // Room for a typical term each, so that the text grows once, not per term.
+  sql->reserve(sql->size() + kTypicalTermLength * (terms.size() + 1));
   sql->append(opening);
   for (size_t i = 0; i < terms.size(); ++i) {
     if (blob != nullptr && IsBlobTerm(terms[i])) {
       AppendBlobTerm(table, terms[i], sql, blob);
     } else {
-      sql->append(RenderTerm(table, terms[i]));
+      AppendTerm(table, terms[i], sql);
     }
     if (i + 1 == terms.size()) break;
     const char* joint = Joint(terms[i]->op, terms[i + 1]->op);

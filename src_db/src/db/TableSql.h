@@ -29,8 +29,9 @@ sqlite3* TableHandle(const Table& table);
 // plain name Db::getName derives from it.
 std::string ColumnName(const Table& table, const Member* member);
 
-// `term` rendered by op2Str in naming mode 0, else by op2StrAnalyze.
-std::string RenderTerm(const Table& table, DbFilter* term);
+// Appends `term` as op2Str renders it in naming mode 0, else as
+// op2StrAnalyze does.
+void AppendTerm(const Table& table, const DbFilter* term, std::string* sql);
 
 // The members whose columns a select list names, in column order: the
 // table's members for an empty list, else the members of its terms.

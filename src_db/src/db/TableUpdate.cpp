@@ -11,12 +11,12 @@
 
 using ipc_db::detail::AppendBlobTerm;
 using ipc_db::detail::AppendFilterClause;
+using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
 using ipc_db::detail::IsBlobTerm;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
-using ipc_db::detail::RenderTerm;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
 using ipc_db::detail::TableHandle;
@@ -37,7 +37,7 @@ bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sq
     if (IsBlobTerm(term)) {
       AppendBlobTerm(table, term, sql, blob);
     } else {
-      sql->append(RenderTerm(table, term));
+      AppendTerm(table, term, sql);
     }
   }
   return true;
@@ -63,7 +63,7 @@ std::string DeleteStatement(const Table& table, const DbFilters& list) {
     sql.append(" where ");
     for (size_t i = 0; i < list.filters.size(); ++i) {
       if (i > 0) sql.append(" and ");
-      sql.append(RenderTerm(table, list.filters[i]));
+      AppendTerm(table, list.filters[i], &sql);
     }
   }
   sql.append(";");
