@@ -6,69 +6,21 @@
 // shared library), since the clause builder is internal.
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
-#include <cstring>
+#include <string>
 
 #include "BenchSupport.h"
+#include "FilterClause.h"
 #include "PairMain.h"
-#include "PairOps.h"
-#include "db/TableSql.h"
 
 namespace ipc_db_bench {
 namespace {
 
-constexpr int32_t kLimit = 100;
-constexpr char kPattern[] = "camera-event-00%";
-
-void* SlotOf(int32_t number) {
-  return reinterpret_cast<void*>(static_cast<intptr_t>(number));
-}
-
-// The five terms over the benchmark schema; the pattern lives in a field
-// as wide as the Name column, as a caller's record field would.
-struct FiveTerms {
-  explicit FiveTerms(BenchSchema* schema) : table(nullptr, &schema->record, 1) {
-    std::memset(pattern, 0, sizeof(pattern));
-    std::memcpy(pattern, kPattern, sizeof(kPattern));
-    filters.add_filter(
-        new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr));
-    filters.add_filter(
-        new DbFilter(schema->time, DB_FILTER_OP_GE, SlotOf(kFromTime), nullptr));
-    filters.add_filter(new DbFilter(schema->name, DB_FILTER_OP_LIKE, pattern, nullptr));
-    filters.add_filter(
-        new DbFilter(schema->time, DB_FILTER_OP_ORDER_BY_DESC, nullptr, nullptr));
-    filters.add_filter(new DbFilter(nullptr, DB_FILTER_OP_LIMIT, SlotOf(kLimit), nullptr));
-  }
-  Table table;
-  char pattern[32];
-  DbFilters filters;
-};
-
-// Prepares the members' column types as creating the table does.
-void PrepareMembers(BenchSchema* schema) {
-  Db db;
-  for (Member* member : schema->record.members) db.preProcMember(member);
-}
-
-bool LibraryClause(FiveTerms* terms, std::string* clause) {
-  clause->clear();
-  return ipc_db::detail::AppendFilterClause(terms->table, terms->filters, clause);
-}
-
-int RawClause(char* buffer, size_t size) {
-  return std::snprintf(buffer, size,
-                       " where Kind = %d and Time >= %d and Name like '%s' order by "
-                       "Time DESC  limit %d",
-                       kSelectedKind, kFromTime, kPattern, kLimit);
-}
-
 void ClauseLibrary(benchmark::State& state) {
   BenchSchema schema;
-  PrepareMembers(&schema);
   FiveTerms terms(&schema);
   for (auto _ : state) {
     std::string clause;
-    if (!ipc_db::detail::AppendFilterClause(terms.table, terms.filters, &clause)) {
+    if (!LibraryClause(&terms, &clause)) {
       state.SkipWithError("filter clause refused");
       break;
     }
@@ -91,7 +43,6 @@ void ClauseRaw(benchmark::State& state) {
 
 std::string CheckClause() {
   BenchSchema schema;
-  PrepareMembers(&schema);
   FiveTerms terms(&schema);
   std::string library;
   if (!LibraryClause(&terms, &library)) return "filter clause refused";
