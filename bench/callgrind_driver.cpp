@@ -2,7 +2,9 @@
 //   callgrind_driver <case> <N>
 // with <case> one of insert/library, insert/raw, insert/raw_bound,
 // read_all/library, read_all/raw, read_filtered/library, read_filtered/raw,
-// read_columns/library, read_columns/raw. Setup (keyed open, filling the
+// read_columns/library, read_columns/raw, count/library, count/raw,
+// max/library, max/raw (one query over a table of N rows). Setup (keyed
+// open, filling the
 // table) and one warm-up run happen first; the measured run is the call of
 // MeasuredSection, which bench/callgrind collects alone
 // (--toggle-collect=MeasuredSection). Prints the rows handled.
@@ -78,6 +80,34 @@ int RunRead(const std::string& pair, const std::string& side, size_t rows) {
   return ok && read == rows ? 0 : 1;
 }
 
+int RunAggregate(const std::string& pair, const std::string& side, size_t rows) {
+  std::vector<BenchRecord> stored = MakeRecords(rows);
+  BenchSchema schema;
+  TempDir dir;
+  long long value = 0;
+  std::string text;
+  bool ok;
+  if (side == "library") {
+    LibraryDb db(dir.Path(), &schema);
+    RawFill(db.Handle(), stored);
+    ReadQueries queries(&schema);
+    Table* table = db.table();
+    ok = Measure([&] {
+      if (pair == "count") return LibraryCount(table, &queries, &value);
+      return LibraryMax(table, &queries, &value, &text);
+    });
+  } else {
+    RawDb db(dir.Path());
+    RawFill(db.Handle(), stored);
+    sqlite3* handle = db.Handle();
+    ok = Measure([&] {
+      if (pair == "count") return RawCount(handle, &value);
+      return RawMax(handle, &value, &text);
+    });
+  }
+  return ok ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -99,6 +129,8 @@ int main(int argc, char** argv) {
     status = RunInsert(side, rows);
   } else if (pair == "read_all" || pair == "read_filtered" || pair == "read_columns") {
     status = RunRead(pair, side, rows);
+  } else if (pair == "count" || pair == "max") {
+    status = RunAggregate(pair, side, rows);
   } else {
     std::fprintf(stderr, "unknown case %s\n", argv[1]);
     return 2;

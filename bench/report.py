@@ -1,0 +1,333 @@
+#!/usr/bin/env python3
+"""Writes docs/performance.md from the JSON output of the pair benchmarks
+(and the callgrind table, when present), as bench/run collects them.
+
+Each benchmark is named <pair>/<side>/<N>/real_time; the median of the
+"rows" counter (rows per second over the repetitions) of each side is
+reported, with the library's median over the raw side's as the ratio.
+"""
+
+import argparse
+import datetime
+import glob
+import json
+import os
+import platform
+import re
+import subprocess
+
+SIDES = ("library", "raw", "raw_bound")
+
+# What each pair measures, in the order of the document.
+PAIRS = [
+    ("insert", "`Table::add_item` of N records (all columns; more than one in one "
+     "transaction) | raw: the same statements, text built with `snprintf`, prepared with "
+     "`sqlite3_prepare`, blob bound, stepped and finalised per record, inside the same "
+     "`begin;`/`commit;` | raw prepared-once: one statement prepared per call and reused "
+     "with bind for every record (the engine's ceiling, for reference)"),
+    ("read_all", "`Table::get_item` of all N rows, all columns, no filter | raw: the same "
+     "`select * from t_event;`, prepare/step and a hand-written copy of the six columns "
+     "into the same records"),
+    ("read_filtered", "`Table::get_item` with the filter `Kind = 1`, `Time >= ...` "
+     "selecting N of 2N rows | raw: the same text, prepare/step/copy"),
+    ("read_columns", "`Table::get_item` with the column list (Id, Name) over N rows "
+     "(packed output) | raw: `select Id, Name from t_event;`, prepare/step/copy"),
+    ("count", "`Table::get_item_cnt` with `Kind = 1` over N rows | raw: "
+     "`sqlite3_get_table` of the same text, count read from the first cell"),
+    ("max", "`Table::get_item_max` of Time with `Kind = 1` over N rows | raw: "
+     "`sqlite3_get_table` of the same text"),
+    ("update", "`Table::update_item` of one row by key in a table of N rows (one "
+     "statement, its own transaction); rows/s = statements/s | raw: `sqlite3_exec` of the "
+     "same text"),
+    ("remove", "`Table::rmv_item` of N one-term lists (one delete by key each; more than "
+     "one in one transaction) | raw: the same `begin;`, deletes and `commit;` through "
+     "`sqlite3_exec`; rows are put back between iterations outside the measured time"),
+    ("open_close", "`Db::OpenDB` + `Db::CloseDB` of an existing keyed file; rows/s = "
+     "open-close cycles/s | raw: `sqlite3_open`, `sqlite3_key` (64 bytes), the three "
+     "pragmas, `sqlite3_close`"),
+    ("filter_clause", "text assembly alone: a `DbFilters` of five terms rendered into "
+     "the filter clause by the library's clause builder; rows/s = clauses/s | raw: "
+     "`snprintf` of the same text into a stack buffer"),
+]
+
+
+def parse_args():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--results", required=True)
+    parser.add_argument("--out", required=True)
+    parser.add_argument("--load-before", default="?")
+    parser.add_argument("--load-after", default="?")
+    parser.add_argument("--repetitions", default="?")
+    parser.add_argument("--min-time", default="?")
+    parser.add_argument("--build-dir", default="?")
+    return parser.parse_args()
+
+
+def split_run_name(run_name):
+    """insert/library/1000/real_time -> (insert, library, 1000)."""
+    parts = [p for p in run_name.split("/") if p != "real_time"]
+    if len(parts) < 2:
+        return None
+    return parts[0], parts[1], parts[2] if len(parts) > 2 else ""
+
+
+def load_results(directory):
+    """{(pair, n): {side: {aggregate: rows/s}}} and the first context."""
+    medians = {}
+    context = None
+    for path in sorted(glob.glob(os.path.join(directory, "*.json"))):
+        with open(path) as handle:
+            data = json.load(handle)
+        context = context or data.get("context", {})
+        for bench in data.get("benchmarks", []):
+            if bench.get("run_type") != "aggregate" or bench.get("error_occurred"):
+                continue
+            name = split_run_name(bench.get("run_name", ""))
+            if name is None or "rows" not in bench:
+                continue
+            pair, side, n = name
+            entry = medians.setdefault((pair, n), {}).setdefault(side, {})
+            entry[bench["aggregate_name"]] = bench["rows"]
+    return medians, context or {}
+
+
+def command_output(command):
+    try:
+        return subprocess.run(command, capture_output=True, text=True, check=False,
+                              timeout=20).stdout.strip()
+    except (OSError, subprocess.SubprocessError):
+        return ""
+
+
+def cpu_model():
+    try:
+        with open("/proc/cpuinfo") as handle:
+            for line in handle:
+                if line.startswith("model name"):
+                    return line.split(":", 1)[1].strip()
+    except OSError:
+        pass
+    return platform.processor() or "unknown"
+
+
+def memory_total():
+    try:
+        with open("/proc/meminfo") as handle:
+            for line in handle:
+                if line.startswith("MemTotal"):
+                    return "%.1f GiB" % (int(line.split()[1]) / 1024 / 1024)
+    except OSError:
+        pass
+    return "unknown"
+
+
+def cache_value(build_dir, key):
+    try:
+        with open(os.path.join(build_dir, "CMakeCache.txt")) as handle:
+            for line in handle:
+                if line.startswith(key + ":"):
+                    return line.split("=", 1)[1].strip()
+    except OSError:
+        pass
+    return ""
+
+
+def temp_filesystem():
+    directory = os.environ.get("TMPDIR") or "/tmp"
+    lines = command_output(["df", "-T", directory]).splitlines()
+    if len(lines) >= 2:
+        fields = lines[1].split()
+        return "%s (%s on %s)" % (directory, fields[1], fields[0])
+    return directory
+
+
+def rate(value):
+    if value is None:
+        return "-"
+    if value >= 100:
+        return "{:,.0f}".format(value)
+    return "{:,.1f}".format(value)
+
+
+def ratio_text(numerator, denominator):
+    if numerator is None or not denominator:
+        return "-"
+    return "%.3f" % (numerator / denominator)
+
+
+def spread(entry):
+    """The coefficient of variation of the repetitions, in percent."""
+    if not entry or "cv" not in entry:
+        return "-"
+    return "%.0f%%" % (100 * entry["cv"])
+
+
+def sort_key(n):
+    return int(n) if n.isdigit() else -1
+
+
+def pair_table(medians, pair):
+    rows = sorted((n for (p, n) in medians if p == pair), key=sort_key)
+    if not rows:
+        return []
+    bound = any("raw_bound" in medians[(pair, n)] for n in rows)
+    header = "| N | library rows/s | raw rows/s | library/raw | spread library/raw |"
+    rule = "|---:|---:|---:|---:|---:|"
+    if bound:
+        header += " raw prepared-once rows/s | library/prepared-once |"
+        rule += "---:|---:|"
+    lines = [header, rule]
+    for n in rows:
+        sides = medians[(pair, n)]
+        library = sides.get("library", {}).get("median")
+        raw = sides.get("raw", {}).get("median")
+        line = "| %s | %s | %s | %s | %s / %s |" % (
+            n or "-", rate(library), rate(raw), ratio_text(library, raw),
+            spread(sides.get("library")), spread(sides.get("raw")))
+        if bound:
+            ceiling = sides.get("raw_bound", {}).get("median")
+            line += " %s | %s |" % (rate(ceiling), ratio_text(library, ceiling))
+        lines.append(line)
+    return lines
+
+
+def median_ratio(medians, pair, n):
+    sides = medians.get((pair, n), {})
+    library = sides.get("library", {}).get("median")
+    raw = sides.get("raw", {}).get("median")
+    if library is None or not raw:
+        return None
+    return library / raw
+
+
+def callgrind_ratios(text):
+    """{pair: (library Ir/row, raw Ir/row, ratio)} from the callgrind table."""
+    ratios = {}
+    for line in text.splitlines():
+        cells = [c.strip() for c in line.strip().strip("|").split("|")]
+        if len(cells) >= 4 and re.fullmatch(r"[0-9.]+", cells[3] or "x"):
+            ratios[cells[0]] = (cells[1], cells[2], float(cells[3]))
+    return ratios
+
+
+def goal_line(name, value, bound, at_least, meaning):
+    if value is None:
+        return "| %s | %s | not measured |" % (name, meaning)
+    met = value >= bound if at_least else value <= bound
+    if met:
+        verdict = "met (%.3f)" % value
+    else:
+        short = (bound - value) / bound if at_least else (value - bound) / bound
+        verdict = "**missed** (%.3f, %.1f%% %s the goal)" % (
+            value, 100 * short, "short of" if at_least else "over")
+    return "| %s | %s | %s |" % (name, meaning, verdict)
+
+
+def goals(medians, callgrind):
+    lines = ["| goal (N = 1000) | measure | result |", "|---|---|---|"]
+    lines.append(goal_line("`add_item` >= 0.90x raw same-statement",
+                           median_ratio(medians, "insert", "1000"), 0.90, True,
+                           "median rows/s, library/raw"))
+    lines.append(goal_line("`get_item` >= 0.90x raw step+copy",
+                           median_ratio(medians, "read_all", "1000"), 0.90, True,
+                           "median rows/s, library/raw (all columns)"))
+    count = median_ratio(medians, "count", "1000")
+    lines.append(goal_line("`get_item_cnt` within 1.10x raw",
+                           None if count is None else 1 / count, 1.10, False,
+                           "median time per call, library/raw"))
+    for pair in ("insert", "read_all", "read_filtered", "read_columns", "count"):
+        entry = callgrind.get(pair)
+        lines.append(goal_line("callgrind Ir/row <= 1.10x raw (%s)" % pair,
+                               entry[2] if entry else None, 1.10, False,
+                               "instructions per row, library/raw"))
+    return lines
+
+
+def main():
+    args = parse_args()
+    medians, context = load_results(args.results)
+    callgrind_text = ""
+    callgrind_path = os.path.join(args.results, "callgrind.md")
+    if os.path.exists(callgrind_path):
+        with open(callgrind_path) as handle:
+            callgrind_text = handle.read().strip()
+    callgrind = callgrind_ratios(callgrind_text)
+
+    compiler = cache_value(args.build_dir, "CMAKE_CXX_COMPILER")
+    compiler_version = command_output([compiler, "--version"]).splitlines()[:1] if compiler else []
+    build_type = cache_value(args.build_dir, "CMAKE_BUILD_TYPE") or "?"
+    out = []
+    out.append("# Performance: the library beside raw SQLite")
+    out.append("")
+    out.append("Written by `bench/run` on %s. Every figure compares the library with raw "
+               "SQLite on the same SQLCipher build, in the same run, on a keyed file (64-byte "
+               "key) in a temporary directory with the library's pragmas "
+               "(`cipher_default_compatibility = 3`, `synchronous = NORMAL`, "
+               "`journal_mode = DELETE`). The raw side sends exactly the statements the "
+               "library sends (each binary checks this through `sqlite3_trace_v2` before "
+               "it measures, and the smoke tests fail if they differ)." %
+               datetime.date.today().isoformat())
+    out.append("")
+    out.append("## Machine")
+    out.append("")
+    out.append("- CPU: %s, %s logical CPUs%s" % (
+        cpu_model(), context.get("num_cpus", os.cpu_count()),
+        ", %s MHz" % context["mhz_per_cpu"] if context.get("mhz_per_cpu") else ""))
+    out.append("- Memory: %s; kernel %s %s" % (memory_total(), platform.system(),
+                                              platform.release()))
+    out.append("- Database files: %s" % temp_filesystem())
+    out.append("- SQLCipher %s on SQLite %s" % (context.get("sqlcipher_version", "?"),
+                                              context.get("sqlite_version", "?")))
+    out.append("- Build: %s, %s" % (build_type,
+                                   compiler_version[0] if compiler_version else "?"))
+    out.append("- Load average (1, 5, 15 min) before the run: %s; after: %s. The machine "
+               "may be shared; timings taken under load are noisier than the instruction "
+               "counts below." % (args.load_before, args.load_after))
+    out.append("- Method: %s repetitions of at least %s s per benchmark, in random "
+               "interleaving (`--benchmark_enable_random_interleaving`), wall-clock time "
+               "(disk waits are part of the cost); each figure is the median over the "
+               "repetitions; library/raw is the ratio of the two medians (above 1: the "
+               "library is faster). Spread is the coefficient of variation over the "
+               "repetitions." % (args.repetitions, args.min_time))
+    out.append("")
+    out.append("## Goals")
+    out.append("")
+    out.extend(goals(medians, callgrind))
+    out.append("")
+    out.append("## Pairs")
+    out.append("")
+    for pair, description in PAIRS:
+        table = pair_table(medians, pair)
+        if not table:
+            continue
+        library_part, *raw_parts = description.split(" | ")
+        out.append("### %s" % pair)
+        out.append("")
+        out.append("Library: %s. Raw baseline: %s." % (
+            library_part, "; ".join(p.replace("raw: ", "", 1) for p in raw_parts)))
+        out.append("")
+        out.extend(table)
+        out.append("")
+    if callgrind_text:
+        out.append("## Instructions per row (callgrind)")
+        out.append("")
+        out.append(callgrind_text)
+        out.append("")
+        out.append("Produced by `bench/callgrind`: each side runs once on N rows after its "
+                   "setup and one warm-up run, and only that run is counted "
+                   "(`--toggle-collect`). For `filter_clause` a row is one rendering of "
+                   "the clause.")
+        out.append("")
+    notes_path = os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                              "performance_notes.md")
+    if os.path.exists(notes_path):
+        with open(notes_path) as handle:
+            out.append(handle.read().strip())
+        out.append("")
+    os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
+    with open(args.out, "w") as handle:
+        handle.write("\n".join(out))
+
+
+if __name__ == "__main__":
+    main()
