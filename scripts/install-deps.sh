@@ -4,9 +4,13 @@
 # mirror that is syncing): the other indexes are still usable.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev)
+# The test command also cross-builds for 32-bit ARM and runs that suite under
+# qemu-arm, so the cross compiler and the emulator are always needed; the
+# armhf libraries come from scripts/make-armhf-sysroot.sh.
+packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev
+          g++-arm-linux-gnueabihf qemu-user)
 if [[ "${1:-}" == "--all" ]]; then
-  packages+=(libbenchmark-dev g++-arm-linux-gnueabihf qemu-user valgrind clang libclang-rt-14-dev)
+  packages+=(libbenchmark-dev valgrind clang libclang-rt-14-dev)
 fi
 
 missing=()
