@@ -20,9 +20,15 @@ install(TARGETS ipc_db ipc_platform EXPORT ipc_dbTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
+# The stand-ins' headers go along with the stand-ins only: with the device's
+# own libraries, their headers come from the device's SDK.
 file(GLOB IPC_DB_PUBLIC_HEADERS CONFIGURE_DEPENDS
-     ${CMAKE_CURRENT_SOURCE_DIR}/src_db/include/*.h
-     ${CMAKE_CURRENT_SOURCE_DIR}/platform/include/*.h)
+     ${CMAKE_CURRENT_SOURCE_DIR}/src_db/include/*.h)
+if(NOT IPC_DB_USES_DEVICE_PLATFORM)
+  file(GLOB IPC_DB_PLATFORM_HEADERS CONFIGURE_DEPENDS
+       ${CMAKE_CURRENT_SOURCE_DIR}/platform/include/*.h)
+  list(APPEND IPC_DB_PUBLIC_HEADERS ${IPC_DB_PLATFORM_HEADERS})
+endif()
 install(FILES ${IPC_DB_PUBLIC_HEADERS} DESTINATION ${IPC_DB_INSTALL_INCLUDEDIR})
 
 install(EXPORT ipc_dbTargets NAMESPACE ipc_db:: FILE ipc_dbTargets.cmake
@@ -42,6 +48,23 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfig.cmake
 set(IPC_DB_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH IPC_DB_PC_TO_PREFIX /root/${IPC_DB_PC_DIR} /root)
 string(REGEX REPLACE "/$" "" IPC_DB_PC_TO_PREFIX "${IPC_DB_PC_TO_PREFIX}")
+# Programs link the platform library themselves only when it is the stand-in
+# (tests and tools use its log sink); the device's libraries are needed by
+# libipc_db.so and listed as private.
+if(IPC_DB_USES_DEVICE_PLATFORM)
+  set(IPC_DB_PC_LIBS "-lipc_db")
+  set(IPC_DB_PC_LIBS_PRIVATE "")
+  foreach(lib IN LISTS IPC_DB_PLATFORM_LIBRARIES)
+    if(IS_ABSOLUTE "${lib}")
+      string(APPEND IPC_DB_PC_LIBS_PRIVATE " ${lib}")
+    else()
+      string(APPEND IPC_DB_PC_LIBS_PRIVATE " -l${lib}")
+    endif()
+  endforeach()
+else()
+  set(IPC_DB_PC_LIBS "-lipc_db -lipc_platform")
+  set(IPC_DB_PC_LIBS_PRIVATE "")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/ipc_db.pc.in
                ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc
