@@ -167,6 +167,7 @@ void ReferenceFilters(Member* member) {
   filter->op2Str();
   filter->op2StrAnalyze();
   filter->getFilterName("");
+  delete new DbFilter(member, DB_FILTER_OP_NE, nullptr, nullptr);
 
   DbFilters* empty = new DbFilters();
   DbFilters* counted = new DbFilters(1u, filter);
