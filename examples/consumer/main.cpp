@@ -33,11 +33,13 @@ void RemoveFolder(const std::string& folder) {
 }
 
 int Run(const std::string& folder) {
-  Meta int_type;
+  static Meta int_type;
   int_type.Init("int", sizeof(int));
-  Meta name_type;
+  static Meta name_type;
   name_type.Init("char32", sizeof(Camera::name));
-  Meta* record = new Meta();
+  // Registered descriptions must outlive every use of the registry.
+  static Meta record_meta;
+  Meta* record = &record_meta;
   record->Init("t_camera", sizeof(Camera));
   record->AddMember(new Member("iId_p", offsetof(Camera, id), &int_type));
   record->AddMember(new Member("cName", offsetof(Camera, name), &name_type));
@@ -74,9 +76,8 @@ int Run(const std::string& folder) {
   printf("consumer: largest id %s\n", largest.c_str());
 
   delete table;
-  result = db.CloseDB();
-  if (result != 0) return Fail("Db::CloseDB", result);
-  db.UnInit();
+  db.UnInit();  // closes the database first
+  if (db.m_pDBConn != nullptr) return Fail("Db::UnInit", -1);
   printf("consumer: closed; sizeof(long) %zu, sizeof(void*) %zu\n",
          sizeof(long), sizeof(void*));
   return 0;

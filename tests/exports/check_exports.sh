@@ -123,9 +123,10 @@ if [[ ! -s "$work/expected" ]]; then
 fi
 
 # Sorts every defined symbol into: api (expected), class-data (vtable or
-# typeinfo of an API class, private members of one), std-instance (weak standard-library template
-# instance), linker (symbols the linker adds) or leak; then reports expected
-# symbols that were not defined.
+# typeinfo of an API class, private members of one), std-instance (weak
+# standard-library template instance), linker (symbols that the linker or a
+# sanitizer's instrumentation adds) or leak; then reports expected symbols
+# that were not defined.
 printf '%s\n' "${api_private_members[@]}" >"$work/private"
 awk -v classes="${api_classes[*]}" -v expected_file="$work/expected" \
     -v private_file="$work/private" -v out="$work" '
@@ -154,7 +155,9 @@ awk -v classes="${api_classes[*]}" -v expected_file="$work/expected" \
     type = $1
     name = substr($0, length($1) + 2)
     if (name in expected) { found[name] = 1; print name > (out "/api"); next }
-    if (name in linker) { print name > (out "/linker"); next }
+    if (name in linker || name ~ /^(__odr_asan[._]|__asan_|__tsan_|__ubsan_|__sanitizer_)/) {
+      print name > (out "/linker"); next
+    }
     if (name in private_member) { print name > (out "/class-data"); next }
     data = name
     if (sub(/^(vtable for|typeinfo for|typeinfo name for|VTT for) /, "", data) && (data in cls)) {
