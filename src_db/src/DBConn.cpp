@@ -1,0 +1,251 @@
+// CDBConn: the part of a connection that every implementation shares: field
+// set-up and teardown, the key buffer, the install directory check, the
+// configuration and stop handshakes of the execution and maintenance
+// workers, the maintenance queue and the maintenance worker body.
+//
+// The Start*Thread functions prepare thread attributes and clear the stop
+// flags but create no thread; the thread bodies run only when an
+// application starts them on threads of its own.
+#include "DBConn.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include "Log.h"
+#include "bounded_mem.h"
+
+namespace {
+
+constexpr const char* kModule = "src_db/src/DBConn";
+using ipc_db::detail::kLogError;
+
+constexpr size_t kThreadStackSize = 262144;
+constexpr int kStopWaitRounds = 51;
+constexpr unsigned long long kStopWaitStepMs = 100;
+constexpr size_t kMaintainQueueLimit = 2;
+constexpr time_t kMaintainWaitSeconds = 120;
+constexpr size_t kThreadNameSize = 32;
+
+// Numbers the worker threads over the life of the process. Incremented
+// without a lock, as thread starts are expected from one place at a time.
+int g_execThreadIndex = 0;
+int g_maintainThreadIndex = 0;
+
+// Prepares (and discards) the attributes a worker thread would be created
+// with: 256 KiB stack, detached.
+void PrepareWorkerAttributes() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, kThreadStackSize);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_destroy(&attributes);
+}
+
+// Names the calling thread "<pattern>" with the next number of `counter`,
+// makes it asynchronously cancellable and detaches it.
+void SetUpWorkerThread(const char* pattern, int* counter) {
+  char name[kThreadNameSize] = {0};
+  int index = (*counter)++;
+  int written = snprintf_s(name, kThreadNameSize, kThreadNameSize - 1, pattern, index);
+  if (written < 1) {
+    RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
+  }
+  if (prctl(PR_SET_NAME, name) != 0) {
+    RECORD_LOG(kModule, kLogError, "Set thread name [%s] fail!", name);
+  }
+  pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+  pthread_detach(pthread_self());
+}
+
+// Zeroes a queue item, logging (and going on) if the bounded set fails.
+void ZeroRepairItem(DB_REPAIR_ITEM* item) {
+  int result = memset_s(item, sizeof(*item), 0, sizeof(*item));
+  if (result != 0) {
+    RECORD_LOG(kModule, kLogError, "memset fail! error code is %d\n", result);
+  }
+}
+
+// Absolute time of day `seconds` from now, for pthread_cond_timedwait.
+struct timespec DeadlineAfter(time_t seconds) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  struct timespec deadline;
+  deadline.tv_sec = now.tv_sec + seconds;
+  deadline.tv_nsec = now.tv_usec * 1000;
+  return deadline;
+}
+
+}  // namespace
+
+CDBConn::CDBConn()
+    : m_iReserved(0),
+      m_enDBStatus(0),
+      m_strInstallPath(),
+      m_szEncryptKey(),
+      m_bExecThreadStarted(0),
+      m_bExecThreadStop(1),
+      m_bExecThreadRunning(0),
+      m_pfnExecThread(nullptr),
+      m_pExecThreadArg(nullptr),
+      m_pfnStopExecThread(nullptr),
+      m_pStopExecThreadArg(nullptr),
+      m_mutexConn(),
+      m_bMaintainThreadStarted(0),
+      m_bMaintainThreadStop(1),
+      m_bMaintainThreadRunning(0),
+      m_dqRepairItems(),
+      m_mutexRepair(),
+      m_condRepair() {
+  m_mutexConn.Init();
+  pthread_mutex_init(&m_mutexRepair, nullptr);
+  pthread_cond_init(&m_condRepair, nullptr);
+  StartMaintenanceThread();
+}
+
+CDBConn::~CDBConn() {
+  memset_s(m_szEncryptKey, sizeof(m_szEncryptKey), 0, sizeof(m_szEncryptKey));
+  StopExecThread();
+  StopMaintenanceThread();
+  // m_mutexRepair and m_condRepair are left as they are: a maintenance
+  // worker that outlived its stop handshake may still wait on them.
+}
+
+long long CDBConn::ReEncryptDB(const char* /*szEncryptKey*/, unsigned int /*uiKeyLen*/) {
+  return 0;
+}
+
+long long CDBConn::SetEncryptKey(char* szEncryptKey, unsigned int uiKeyLen) {
+  // Checked before copying so that a refused key leaves the old one intact.
+  if (szEncryptKey == nullptr) return EINVAL;
+  if (uiKeyLen > sizeof(m_szEncryptKey)) return ERANGE;
+  return memcpy_s(m_szEncryptKey, sizeof(m_szEncryptKey), szEncryptKey, uiKeyLen);
+}
+
+long long CDBConn::StartExecThread() {
+  PrepareWorkerAttributes();
+  m_bExecThreadStop = 0;
+  return 0;
+}
+
+long long CDBConn::StopExecThread() {
+  if (m_bExecThreadStarted == 0) return 0;
+  if (m_bExecThreadRunning == 0) return 0;
+  m_bExecThreadStop = 1;
+  if (m_pfnStopExecThread != nullptr) m_pfnStopExecThread(m_pStopExecThreadArg);
+  for (int round = 1; round <= kStopWaitRounds && m_bExecThreadRunning == 1; ++round) {
+    Sleep(kStopWaitStepMs);
+    if (round == kStopWaitRounds && m_bExecThreadRunning == 1) {
+      RECORD_LOG(kModule, kLogError, "ExecThread time out!");
+    }
+  }
+  m_bExecThreadStarted = 0;
+  return 0;
+}
+
+void* CDBConn::ExecThreadFun(void* conn) {
+  SetUpWorkerThread("db_exec_%d", &g_execThreadIndex);
+  if (conn == nullptr) return nullptr;
+  auto* self = static_cast<CDBConn*>(conn);
+  self->m_bExecThreadRunning = 1;
+  if (self->m_pfnExecThread != nullptr) self->m_pfnExecThread(self->m_pExecThreadArg);
+  self->m_bExecThreadRunning = 0;
+  return nullptr;
+}
+
+long long CDBConn::StartMaintenanceThread() {
+  PrepareWorkerAttributes();
+  m_bMaintainThreadStop = 0;
+  return 0;
+}
+
+long long CDBConn::StopMaintenanceThread() {
+  if (m_bMaintainThreadStarted == 0 || m_bMaintainThreadRunning == 0) return 0;
+  m_bMaintainThreadStop = 1;
+  DB_REPAIR_ITEM wake;
+  ZeroRepairItem(&wake);
+  wake.enCmdType = DB_REPAIR_CMD_WAKE;
+  NotifyMaintainDBCmd(wake);
+  for (int round = 0; round < kStopWaitRounds; ++round) {
+    if (m_bMaintainThreadRunning != 1) {
+      m_bMaintainThreadStarted = 0;
+      return 0;
+    }
+    Sleep(kStopWaitStepMs);
+  }
+  RECORD_LOG(kModule, kLogError, "MaintenanceThread stop time out!");
+  m_bMaintainThreadStarted = 0;
+  return 0;
+}
+
+void* CDBConn::MaintenanceThreadFun(void* conn) {
+  SetUpWorkerThread("db_maintain_%d", &g_maintainThreadIndex);
+  if (conn == nullptr) return nullptr;
+  auto* self = static_cast<CDBConn*>(conn);
+  self->m_bMaintainThreadRunning = 1;
+  while (self->m_bMaintainThreadStop == 0) {
+    DB_REPAIR_ITEM item;
+    ZeroRepairItem(&item);
+    if (self->WaitMaintainDBCmd(item) != 0) {
+      self->BackUpDB();
+      continue;
+    }
+    if (item.enCmdType == DB_REPAIR_CMD_WAKE) continue;
+    if (item.enCmdType == DB_REPAIR_CMD_EXIT) break;
+    self->PauseConnection();
+    if (item.enCmdType == DB_REPAIR_CMD_REPAIR) {
+      self->RepairDB();
+    } else if (item.enCmdType == DB_REPAIR_CMD_RESTORE) {
+      self->RestoreDB();
+    }
+    self->ResumeConnection();
+  }
+  self->m_bMaintainThreadRunning = 0;
+  return nullptr;
+}
+
+long long CDBConn::NotifyMaintainDBCmd(const DB_REPAIR_ITEM& item) {
+  pthread_mutex_lock(&m_mutexRepair);
+  if (m_dqRepairItems.size() >= kMaintainQueueLimit) {
+    RECORD_LOG(kModule, kLogError, "MaintainDBCmd Queue is full.");
+    pthread_mutex_unlock(&m_mutexRepair);
+    return 0;
+  }
+  m_dqRepairItems.push_back(item);
+  pthread_cond_signal(&m_condRepair);
+  pthread_mutex_unlock(&m_mutexRepair);
+  return 0;
+}
+
+long long CDBConn::WaitMaintainDBCmd(DB_REPAIR_ITEM& item) {
+  pthread_mutex_lock(&m_mutexRepair);
+  if (m_dqRepairItems.empty()) {
+    struct timespec deadline = DeadlineAfter(kMaintainWaitSeconds);
+    int waited = pthread_cond_timedwait(&m_condRepair, &m_mutexRepair, &deadline);
+    if (waited != 0 || m_dqRepairItems.empty()) {
+      pthread_mutex_unlock(&m_mutexRepair);
+      return DB_ERR_WAIT_TIMEOUT;
+    }
+  }
+  item = m_dqRepairItems.front();
+  m_dqRepairItems.pop_front();
+  pthread_mutex_unlock(&m_mutexRepair);
+  return 0;
+}
+
+long long CDBConn::CheckInstallPath() {
+  if (RecordDirAccess(m_strInstallPath.c_str()) == 0) return 0;
+  if (mkdir(m_strInstallPath.c_str(), 0777) == 0) return 0;
+  RECORD_LOG(kModule, kLogError, "mkdir %s failed: %d", m_strInstallPath.c_str(), errno);
+  return DB_ERR_OPEN;
+}
+
+long long CDBConn::RecordDirAccess(const char* path) {
+  if (path == nullptr) return -1;
+  DIR* dir = opendir(path);
+  if (dir == nullptr) return -1;
+  if (closedir(dir) != 0) RECORD_LOG(kModule, kLogError, "closedir fail!\n");
+  return 0;
+}
