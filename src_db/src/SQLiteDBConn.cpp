@@ -181,6 +181,7 @@ long long CSqliteDBConn::OpenConnection() {
   int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(), code);
+    ReleaseFailedHandle(&m_pSqliteDB);
     m_mutexConn.Unlock();
     return DB_ERR_OPEN;
   }
