@@ -15,6 +15,7 @@
 #include <string>
 
 #include "ConnTestSupport.h"
+#include "DBCommon.h"
 #include "DBConn.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
@@ -379,6 +380,11 @@ TEST_F(ConnTest, OpenFailsWhenTheFileCannotBeOpened) {
                    "RECORD: sqlite3_open:" + File() + " failed:14");
   EXPECT_EQ(log.Count("RECORD: open:" + File() + " success"), 0u);
   EXPECT_EQ(conn_->m_enDBStatus, 0);
+  // No handle is kept: once the cause is gone, the next open succeeds.
+  EXPECT_EQ(conn_->m_pSqliteDB, nullptr);
+  ASSERT_EQ(rmdir(File().c_str()), 0);
+  EXPECT_EQ(conn_->OpenConnection(), 0);
+  EXPECT_EQ(conn_->m_enDBStatus, 1);
 }
 
 TEST_F(ConnTest, DatabaseAndExistingJournalEndWithMode0640) {
@@ -509,6 +515,31 @@ TEST_F(ConnTest, PauseAndResumeLifecycle) {
   EXPECT_EQ(log.CountAtLevel(kLevelInfo), 5u);
   EXPECT_EQ(QueryText(conn_->m_pSqliteDB, "select v from t;"), "kept");
   EXPECT_EQ(conn_->CloseConnection(), 0);
+}
+
+TEST_F(ConnTest, FailedPauseKeepsTheHandleAndStaysPaused) {
+  ASSERT_EQ(conn_->OpenConnection(), 0);
+  sqlite3* handle = conn_->m_pSqliteDB;
+  sqlite3_stmt* stmt = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(handle, "select 1;", -1, &stmt, nullptr), SQLITE_OK);
+  LogCapture log;
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(conn_->PauseConnection(), DB_ERR_CLOSE);
+  EXPECT_LT(MillisecondsSince(start), 1000);  // no settling sleep
+  ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: Pause DB:" + File());
+  ExpectLoggedOnce(log, kLevelError, kSqliteConnFile, "RECORD: sqlite3_close failed:5");
+  EXPECT_EQ(conn_->m_bPaused, 1);
+  EXPECT_EQ(conn_->m_pSqliteDB, handle);
+  EXPECT_EQ(conn_->m_enDBStatus, 1);
+  // Paused with a handle: resume sees the handle and does nothing, and close
+  // sees the pause and does nothing.
+  EXPECT_EQ(conn_->ResumeConnection(), 0);
+  EXPECT_EQ(conn_->m_bPaused, 1);
+  EXPECT_EQ(conn_->CloseConnection(), 0);
+  EXPECT_EQ(conn_->m_pSqliteDB, handle);
+  sqlite3_finalize(stmt);
+  EXPECT_EQ(sqlite3_close(handle), SQLITE_OK);
+  conn_->m_pSqliteDB = nullptr;
 }
 
 TEST_F(ConnTest, FailedResumeLeavesTheConnectionNeitherPausedNorOpen) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ConnTestSupport.h"
+#include "DBCommon.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
 
@@ -129,6 +130,24 @@ TEST_F(EncryptionTest, OpenKeysWithSixtyFourBytesOfTheBuffer) {
   std::string effective = shortKey + kOldKey.substr(10);
   EXPECT_EQ(ShellRead(effective), std::string(kMarker) + "\n");
   EXPECT_EQ(ShellRead(kOldKey).find(kMarker), std::string::npos);
+}
+
+TEST_F(EncryptionTest, ResumeDoesNotKeyTheDatabase) {
+  WriteMarker(kOldKey);
+  ASSERT_EQ(conn_->OpenConnection(), 0);
+  ASSERT_EQ(conn_->PauseConnection(), 0);
+  LogCapture log;
+  EXPECT_EQ(conn_->ResumeConnection(), 0);
+  EXPECT_EQ(conn_->m_enDBStatus, 1);
+  EXPECT_EQ(log.Count("RECORD: sqlite3 encrypt:" + File() + " success"), 0u);
+  ExpectLoggedOnce(log, kLevelError, kSqliteConnFile,
+                   "RECORD: sqlite3_exec PRAGMA journal_mode = DELETE failed:26");
+  EXPECT_EQ(conn_->ExecuteSQL("select v from t;", nullptr, DB_EXEC_SQL_SYNC), DB_ERR_EXEC);
+  EXPECT_TRUE(log.Contains("RECORD: sqlite3_exec:select v from t; failed:26,")) << log.Dump();
+  // Closing and opening again keys it.
+  ASSERT_EQ(conn_->CloseConnection(), 0);
+  ASSERT_EQ(conn_->OpenConnection(), 0);
+  EXPECT_EQ(QueryText(conn_->m_pSqliteDB, "select v from t;"), kMarker);
 }
 
 // ---- The key buffer ----

@@ -19,6 +19,8 @@ using namespace ipc_db_test;
 
 namespace {
 
+constexpr const char* kThreadEnd = "RECORD: !!!!!   SqliteDBExecThreadFun(): thread end !!!!!";
+
 // ExecThreadFun calls made by this process so far; its names count from 0.
 int g_execThreadsEntered = 0;
 
@@ -108,6 +110,45 @@ TEST_F(ExecWorkerTest, ThreadNamesCountUpOverTheProcess) {
   g_probeNames.clear();
 }
 
+TEST_F(ExecWorkerTest, EntryWithoutConnectionStillTakesANumber) {
+  int threads = ThreadCount();
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, nullptr), 0);
+  ++g_execThreadsEntered;
+  // The entry detaches itself; wait until its thread is gone.
+  ASSERT_TRUE(WaitFor([&] { return ThreadCount() == threads; }, 2000));
+  conn_->m_pfnExecThread = &NamingProbe;
+  StartWorker();
+  StopWorker();
+  std::lock_guard<std::mutex> lock(g_probeMutex);
+  EXPECT_EQ(g_probeNames,
+            std::vector<std::string>{"db_exec_" + std::to_string(g_execThreadsEntered - 1)});
+  g_probeNames.clear();
+}
+
+TEST_F(ExecWorkerTest, EntryWithoutBodyOnlyMarksItselfRunning) {
+  conn_->m_pfnExecThread = nullptr;
+  int threads = ThreadCount();
+  conn_->m_bExecThreadRunning = 0;
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, conn_.get()), 0);
+  ++g_execThreadsEntered;
+  ASSERT_TRUE(WaitFor([&] { return ThreadCount() == threads; }, 2000));
+  EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
+}
+
+TEST_F(ExecWorkerTest, PauseStopsTheWorker) {
+  StartWorker();
+  EXPECT_EQ(conn_->PauseConnection(), 0);
+  EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
+  EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
+  // Resuming configures the worker again but starts no thread.
+  EXPECT_EQ(conn_->ResumeConnection(), 0);
+  EXPECT_EQ(conn_->m_bExecThreadStop, 0);
+  EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
+}
+
 TEST_F(ExecWorkerTest, StopHandshakeEndsARunningWorker) {
   StartWorker();
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadStop), 0);
@@ -117,8 +158,8 @@ TEST_F(ExecWorkerTest, StopHandshakeEndsARunningWorker) {
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
   EXPECT_EQ(conn_->m_bExecThreadStop, 1);
-  ExpectLoggedOnce(log_, kLevelInfo, kSqliteConnFile,
-                   "RECORD: !!!!!   SqliteDBExecThreadFun(): thread end !!!!!");
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
+  ExpectLoggedOnce(log_, kLevelInfo, kSqliteConnFile, kThreadEnd);
   EXPECT_EQ(log_.Count("RECORD: ExecThread time out!"), 0u);
   EXPECT_TRUE(ExecItems(conn_.get()).empty());  // the stop item was taken
 }
@@ -223,8 +264,7 @@ TEST_F(ExecWorkerTest, CloseStopsTheWorkerAndDropsItsOpenBatch) {
   EXPECT_LT(MillisecondsSince(start), 1000);
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
-  ExpectLoggedOnce(log_, kLevelInfo, kSqliteConnFile,
-                   "RECORD: !!!!!   SqliteDBExecThreadFun(): thread end !!!!!");
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
   // The worker does not commit when it stops; closing rolls the batch back.
   EXPECT_EQ(CountFromOutside(), "0");
   EXPECT_EQ(log_.Count("RECORD: execSQL: commit success"), 0u);

@@ -202,10 +202,11 @@ inline std::vector<DB_REPAIR_ITEM> RepairItems(CDBConn* conn) {
 inline int LoadFlag(const int& flag) { return __atomic_load_n(&flag, __ATOMIC_SEQ_CST); }
 
 // Runs the execution worker of `conn` on a thread of the test's own, as a
-// build that starts its workers would: the thread enters ExecThreadFun, and
-// the started flag, which the library never sets, is set here. Returns once
-// the worker reports that it runs.
+// build that starts its workers would: StartExecThread clears the stop flag,
+// the thread enters ExecThreadFun, and the started flag, which the library
+// never sets, is set here. Returns once the worker reports that it runs.
 inline bool StartExecWorker(CSqliteDBConn* conn) {
+  if (conn->StartExecThread() != 0) return false;
   conn->m_bExecThreadStarted = 1;
   pthread_t thread;
   if (pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, conn) != 0) return false;
@@ -214,6 +215,7 @@ inline bool StartExecWorker(CSqliteDBConn* conn) {
 
 // The same for the maintenance worker (MaintenanceThreadFun).
 inline bool StartMaintenanceWorker(CDBConn* conn) {
+  if (conn->StartMaintenanceThread() != 0) return false;
   conn->m_bMaintainThreadStarted = 1;
   pthread_t thread;
   if (pthread_create(&thread, nullptr, &CDBConn::MaintenanceThreadFun, conn) != 0) {
