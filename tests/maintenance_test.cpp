@@ -418,22 +418,53 @@ TEST_F(MaintenanceTest, RepairWithAFailingToolLeavesTheDatabaseUntouched) {
 
 TEST_F(MaintenanceTest, RepairCommandLongerThanItsBufferIsCutAndRun) {
   if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
-  std::string install = dir_.Path() + std::string(150, 'd') + "/";
+  // Choose the directory names so that the 255 characters of the command end
+  // 50 characters into the second directory name: the cut command then
+  // dumps a file that does not exist and never writes the ".new" file.
+  std::string head = std::string("echo \".dump\" | ") + RepairToolPath() + " " + dir_.Path();
+  long firstLength = 255 - static_cast<long>(head.size()) - 1 - 50;
+  ASSERT_GE(firstLength, 1) << "tool path too long for this test";
+  std::string first = dir_.Path() + std::string(firstLength, 'a') + "/";
+  std::string install = first + std::string(100, 'b') + "/";
+  ASSERT_EQ(mkdir(first.c_str(), 0755), 0);
   ASSERT_EQ(mkdir(install.c_str(), 0755), 0);
   auto conn = MakeConn(install);
   CreateDatabase(conn->m_strDBFile, 2);
   std::string bytes = ReadFileBytes(conn->m_strDBFile);
+  std::string newFile = conn->m_strDBFile + ".new";
   std::string full = std::string("echo \".dump\" | ") + RepairToolPath() + " " +
-                     conn->m_strDBFile + " | " + RepairToolPath() + " " + conn->m_strDBFile +
-                     ".new";
-  ASSERT_GT(full.size(), 255u);
+                     conn->m_strDBFile + " | " + RepairToolPath() + " " + newFile;
   std::string cut = full.substr(0, 255);
+  ASSERT_EQ(cut, head + std::string(firstLength, 'a') + "/" + std::string(50, 'b'));
+
   LogCapture log;
   EXPECT_EQ(conn->RepairDB(), -1);
   ExpectLoggedOnce(log, kLevelError, kSqliteConnFile, "RECORD: snprintf fail! error code is -1\n");
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB command: " + cut);
-  ExpectLoggedOnce(log, kLevelError, kSqliteConnFile, "RECORD: Run:" + cut + " failed");
+  ExpectLoggedOnce(log, kLevelDebug, kCommonFile, "RECORD: End ExecShell:" + cut + ".");
+  ExpectLoggedOnce(log, kLevelWarn, kCommonFile,
+                   "RECORD: open " + newFile + " in read only failed on 2");
+  ExpectLoggedOnce(log, kLevelError, kSqliteConnFile,
+                   "RECORD: New file:" + newFile + " not exist!");
   EXPECT_EQ(ReadFileBytes(conn->m_strDBFile), bytes);
+  EXPECT_FALSE(FileExists(newFile));
+}
+
+TEST_F(MaintenanceTest, RepairThatCannotDeleteTheOldFileLeavesTheNewOne) {
+  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
+  // The database name is a directory: the tool dumps nothing, the loader
+  // leaves the existing ".new" file alone, and unlink refuses a directory.
+  ASSERT_EQ(mkdir(File().c_str(), 0755), 0);
+  std::ofstream(File() + ".new") << "left over";
+  LogCapture log;
+  EXPECT_EQ(conn_->RepairDB(), -1);
+  ExpectLoggedOnce(log, kLevelError, kSqliteConnFile,
+                   "RECORD: delete:" + File() + " failed on 21");
+  EXPECT_EQ(log.Count("RECORD: repair DB: " + File() + " end"), 0u);
+  EXPECT_EQ(ReadFileBytes(File() + ".new"), "left over");
+  struct stat info;
+  ASSERT_EQ(stat(File().c_str(), &info), 0);
+  EXPECT_TRUE(S_ISDIR(info.st_mode));
 }
 
 TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseEmptiesIt) {
