@@ -497,6 +497,32 @@ TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseEmptiesIt) {
   EXPECT_EQ(output, "0\n");
 }
 
+TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseBetweenPauseAndResumeLeavesItPlain) {
+  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
+  std::string key = MakeKey('p');
+  SetKey(conn_.get(), key);
+  Open();
+  ASSERT_EQ(Exec(db_, "create table t(v text); insert into t values('old row');"), 0);
+  // The worker's sequence: pause, repair, resume. Resume does not key the
+  // handle, so after the repair emptied the file, new data is written plain.
+  ASSERT_EQ(conn_->PauseConnection(), 0);
+  ASSERT_EQ(conn_->RepairDB(), 0);
+  ASSERT_EQ(conn_->ResumeConnection(), 0);
+  EXPECT_EQ(conn_->WhetherTableExist("t"), 0);
+  ASSERT_EQ(conn_->ExecuteSQL("create table t(v text);", nullptr, DB_EXEC_SQL_SYNC), 0);
+  ASSERT_EQ(conn_->ExecuteSQL("insert into t values('written after repair');", nullptr,
+                              DB_EXEC_SQL_SYNC),
+            0);
+  ASSERT_EQ(conn_->CloseConnection(), 0);
+  std::string bytes = ReadFileBytes(File());
+  EXPECT_EQ(bytes.compare(0, 16, std::string("SQLite format 3\0", 16)), 0);
+  EXPECT_NE(bytes.find("written after repair"), std::string::npos);
+  EXPECT_EQ(bytes.find("old row"), std::string::npos);
+  // The next keyed open cannot read the now plain file.
+  ASSERT_EQ(conn_->OpenConnection(), 0);
+  EXPECT_EQ(conn_->ExecuteSQL("select * from t;", nullptr, DB_EXEC_SQL_SYNC), DB_ERR_EXEC);
+}
+
 // ---- The maintenance worker body ----
 
 namespace {
