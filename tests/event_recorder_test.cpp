@@ -10,7 +10,10 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -83,7 +86,7 @@ long long Figure(const std::string& report, const std::string& label) {
 std::map<int, long long> ChannelFigures(const std::string& report) {
   std::map<int, long long> counts;
   std::smatch line;
-  EXPECT_TRUE(std::regex_search(report, line, std::regex("per channel +([^\n]*)")));
+  EXPECT_TRUE(std::regex_search(report, line, std::regex("\n    per channel +([^\n]*)")));
   std::string text = line[1];
   std::regex entry("ch([0-9]+) ([0-9]+)");
   for (std::sregex_iterator it(text.begin(), text.end(), entry), end; it != end; ++it) {
@@ -95,58 +98,64 @@ std::map<int, long long> ChannelFigures(const std::string& report) {
 class RecorderCheck : public EventRecorderTest {
  public:
   // Checks the figures of a finished run against the database file, read
-  // with the key of `generation`.
+  // with the key of `generation` in one sqlcipher session (each keyed open
+  // costs a key derivation).
   void ExpectMatches(const std::string& report, unsigned int generation) {
     EXPECT_EQ(Figure(report, "key generation"), generation);
     EXPECT_EQ(MarkerGeneration(), generation);
     const long long stored = Figure(report, "events stored");
     EXPECT_GT(stored, 0);
-    EXPECT_EQ(SqlNumber(generation, "select count(*) from t_alarm_event;"), stored);
     EXPECT_EQ(Figure(report, "events found") + Figure(report, "events recorded") -
                   Figure(report, "events removed"),
               stored);
-
     std::map<int, long long> channels = ChannelFigures(report);
     ASSERT_EQ(channels.size(), 8u);
+
+    // Each query prints one line; expected values in the same order.
+    std::vector<std::pair<std::string, std::string>> checks = {
+        {"select count(*) from t_alarm_event;", std::to_string(stored)},
+        {"select count(*) from t_alarm_event where Acked = 1;",
+         std::to_string(Figure(report, "acknowledged"))},
+        {"select count(*) from t_alarm_event where Severity = 3;",
+         std::to_string(Figure(report, "severity 3"))},
+        {"select count(*) from t_alarm_event where Type in (3, 5);",
+         std::to_string(Figure(report, "severity 3"))},
+        // Channel 1's alarms older than an hour were acknowledged.
+        {"select count(*) from t_alarm_event where Channel = 1 and Acked = 0 and Time < "
+         "strftime('%s','now') - 3700;",
+         "0"},
+        // Retention: nothing older than 21 days (a minute of slack for the clock).
+        {"select count(*) from t_alarm_event where Time < strftime('%s','now') - 21 * 86400 "
+         "- 60;",
+         "0"},
+        {"select count(*) from sqlite_master where type = 'index' and name in "
+         "('idx_alarm_time', 'idx_alarm_channel');",
+         "2"},
+        {"select count(*) from sqlite_master where name = 't_alarm_event' and sql like "
+         "'%, Severity INTEGER DEFAULT 1)';",
+         "1"},
+        {"select Value from t_recorder_config where Name = 'run_count';",
+         std::to_string(Figure(report, "run"))},
+        {"select Value from t_recorder_config where Name = 'events_at_close';",
+         std::to_string(stored)},
+    };
     for (const auto& channel : channels) {
-      EXPECT_EQ(SqlNumber(generation, "select count(*) from t_alarm_event where Channel = " +
-                                          std::to_string(channel.first) + ";"),
-                channel.second)
-          << "channel " << channel.first;
+      checks.push_back({"select count(*) from t_alarm_event where Channel = " +
+                            std::to_string(channel.first) + ";",
+                        std::to_string(channel.second)});
     }
-    EXPECT_EQ(SqlNumber(generation, "select count(*) from t_alarm_event where Acked = 1;"),
-              Figure(report, "acknowledged"));
-    EXPECT_EQ(SqlNumber(generation, "select count(*) from t_alarm_event where Severity = 3;"),
-              Figure(report, "severity 3"));
-    EXPECT_EQ(SqlNumber(generation,
-                        "select count(*) from t_alarm_event where Type in (3, 5);"),
-              Figure(report, "severity 3"));
-    // Channel 1's alarms older than an hour were acknowledged.
-    EXPECT_EQ(SqlNumber(generation,
-                        "select count(*) from t_alarm_event where Channel = 1 and Acked = 0 "
-                        "and Time < strftime('%s','now') - 3700;"),
-              0);
-    // Retention: nothing older than 21 days (a minute of slack for the clock).
-    EXPECT_EQ(SqlNumber(generation,
-                        "select count(*) from t_alarm_event where Time < "
-                        "strftime('%s','now') - 21 * 86400 - 60;"),
-              0);
-    EXPECT_EQ(SqlNumber(generation,
-                        "select count(*) from sqlite_master where type = 'index' and name in "
-                        "('idx_alarm_time', 'idx_alarm_channel');"),
-              2);
-    std::string schema;
-    EXPECT_EQ(Sql(generation,
-                  "select sql from sqlite_master where name = 't_alarm_event';", &schema),
-              0);
-    EXPECT_NE(schema.find("Severity INTEGER DEFAULT 1"), std::string::npos) << schema;
-    EXPECT_EQ(SqlNumber(generation,
-                        "select Value from t_recorder_config where Name = 'run_count';"),
-              Figure(report, "run"));
-    EXPECT_EQ(SqlNumber(generation,
-                        "select Value from t_recorder_config where Name = "
-                        "'events_at_close';"),
-              stored);
+    std::string script;
+    for (const auto& check : checks) script += check.first + "\n";
+    std::string output;
+    ASSERT_EQ(Sql(generation, script, &output), 0) << output;
+    std::vector<std::string> lines;
+    std::istringstream in(output);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), checks.size()) << output;
+    for (size_t i = 0; i < checks.size(); ++i) {
+      EXPECT_EQ(lines[i], checks[i].second) << checks[i].first;
+    }
+
     // The previous generation's key no longer opens the file.
     std::string refused;
     EXPECT_NE(Sql(generation - 1, "select count(*) from t_alarm_event;", &refused), 0);

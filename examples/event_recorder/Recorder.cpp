@@ -762,6 +762,14 @@ void Recorder::PrintSummary() {
   report_.Plain(Format("    database file        %s, %s", DatabasePath().c_str(),
                        SizeText(figures_.file_bytes).c_str()));
   report_.Plain(Format("    total time           %.1f ms", run_clock_.Ms()));
+  report_.Plain("");
+  report_.Plain("the library's warnings and errors go to stderr; a normal run shows these:");
+  report_.Plain("    \"open ...events.db-journal in read only failed on 2\"  at each open: the");
+  report_.Plain("        open sets the mode of an existing journal file and there is none");
+  report_.Plain("    \"DB Connection has not exist\"  when UnInit frees a closed connection:");
+  report_.Plain("        the connection's destructor closes once more");
+  report_.Plain("    \"CloseConnection failed!error:-202\" (twice)  UnInit after CloseDB");
+  report_.Plain("    \"VACUUM t_alarm_event; failed ... unknown database\"  table_vacuum");
 }
 
 // ---- Helpers ----
