@@ -95,12 +95,12 @@ void TableStatus(Db& db) {
   int exists = db.getTableStatus(name);      // 1 exists, 0 missing
   std::string sql;
   long long rc = db.getTableSql(name, sql);  // 0: sql holds the CREATE text
-  // sql: create table t_event(Id INTEGER PRIMARY KEY autoincrement,
+  // sql: CREATE TABLE t_event(Id INTEGER PRIMARY KEY autoincrement,
   //      Time INTEGER NOT NULL,Channel INTEGER,Text CHAR(32),Thumb BLOB)
   // [/guide:table_status]
   Check(exists == 1 && rc == 0, "getTableStatus 1, getTableSql 0");
   Check(sql ==
-            "create table t_event(Id INTEGER PRIMARY KEY autoincrement,Time INTEGER NOT "
+            "CREATE TABLE t_event(Id INTEGER PRIMARY KEY autoincrement,Time INTEGER NOT "
             "NULL,Channel INTEGER,Text CHAR(32),Thumb BLOB)",
         "stored CREATE text as the guide shows it");
 }
@@ -357,10 +357,10 @@ void ReadMigrated(Table* events) {
   Member* id = eventMeta.Get("iId_pa");
   EventV2 row;
   DbFilters allColumns;
-  DbFilters byId(1, new DbFilter(id, DB_FILTER_OP_EQ, IntValue(1), nullptr));
+  DbFilters byId(1, new DbFilter(id, DB_FILTER_OP_EQ, IntValue(3), nullptr));
   unsigned long long rows = 1;
   Check(events->get_item(allColumns, byId, rows, &row) == 0 && rows == 1 &&
-            row.severity == 1,
+            row.severity == 1 && std::strcmp(row.v1.text, "motion in zone 2") == 0,
         "the new column reads back with its default");
 }
 
