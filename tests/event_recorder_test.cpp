@@ -240,6 +240,19 @@ TEST_F(EventRecorderTest, AMissingKeyMarkerStopsTheRunWithAClearMessage) {
   EXPECT_EQ(SqlNumber(1, "select count(*) from t_alarm_event;"), stored);
 }
 
+TEST_F(EventRecorderTest, AMarkerNamingAnotherKeyStopsTheRunWithAClearMessage) {
+  std::string output;
+  ASSERT_EQ(Run(&output, "--events 300"), 0) << output;
+  std::ofstream(DataDir() + "/key_generation") << "5\n";
+
+  EXPECT_EQ(Run(&output, "--events 300"), 1);
+  EXPECT_NE(output.find("FAILED at step 4 (open database): the key of generation 5 does not "
+                        "open"),
+            std::string::npos)
+      << output;
+  EXPECT_GT(SqlNumber(1, "select count(*) from t_alarm_event;"), 0);
+}
+
 TEST_F(EventRecorderTest, RejectsABadOption) {
   std::string output;
   EXPECT_EQ(Run(&output, "--events 0"), 2);

@@ -218,7 +218,7 @@ bool Recorder::ChooseKey() {
   figures_.key_generation = marker.current;
   if (marker.has_next) {
     // A rotation was interrupted: the file holds one of the two keys.
-    bool next_works = OpenWithGeneration(marker.next) && KeyOpensDatabase();
+    bool next_works = OpenQuietly(marker.next) == 0 && KeyOpensDatabase();
     ReleaseDatabase();
     if (next_works) {
       if (!keys_.PromoteNext(&error)) return Fail(error);
@@ -354,8 +354,7 @@ bool Recorder::AddIndexes() {
                                                      {"idx_alarm_channel", schema_.channel}};
   std::string text;
   for (const auto& index : indexes) {
-    bool exists = false;
-    if (!IndexExists(index.first, &exists)) return false;
+    bool exists = IndexExists(index.first);
     if (!exists && events_->add_index(index.first, index.second) != 0) {
       return Fail(Format("add_index %s failed", index.first));
     }
@@ -671,6 +670,7 @@ bool Recorder::SaveRunInfo() {
   if (!found || std::atoll(check.value) != run) return Fail("run_count did not read back");
   DbFilters all_rows;
   long long entries = config_->get_item_cnt(all_rows);
+  if (entries < 0) return Fail("get_item_cnt of the configuration failed");
   report_.Step(label_,
                Format("run %lld, %lld events at close, in %s (%lld entries)", run,
                       figures_.events_stored, kConfigTable, entries),
@@ -779,13 +779,16 @@ bool Recorder::Fail(const std::string& reason) {
   return false;
 }
 
-bool Recorder::OpenWithGeneration(unsigned int generation) {
+long long Recorder::OpenQuietly(unsigned int generation) {
   std::string key = KeyForGeneration(generation);
   long long result = db_.Init(0, directory_, kDatabaseFile, kJournalFile, &key[0], kKeyLength);
   std::fill(key.begin(), key.end(), '\0');  // Init copied it
-  if (result != 0) return Fail(Format("Db::Init returned %lld", result));
-  result = db_.OpenDB();
-  if (result != 0) return Fail(Format("Db::OpenDB returned %lld", result));
+  return result != 0 ? result : db_.OpenDB();
+}
+
+bool Recorder::OpenWithGeneration(unsigned int generation) {
+  long long result = OpenQuietly(generation);
+  if (result != 0) return Fail(Format("Db::Init/Db::OpenDB returned %lld", result));
   return true;
 }
 
@@ -865,11 +868,12 @@ bool Recorder::WriteConfig(const char* name, const std::string& value) {
   return true;
 }
 
-bool Recorder::IndexExists(const char* name, bool* exists) {
+// add_index has no "if not exists": look the index up first. A failed
+// lookup reads as missing, and add_index then reports the failure.
+bool Recorder::IndexExists(const char* name) {
   std::string sql = Format(
       "select count(*) from sqlite_master where type = 'index' and name = '%s'", name);
-  *exists = db_.m_pDBConn->GetCountOfSQLResult(sql.c_str()) > 0;
-  return true;
+  return db_.m_pDBConn->GetCountOfSQLResult(sql.c_str()) > 0;
 }
 
 bool Recorder::SetSeverityForTypes(int32_t severity, const int32_t* types, int count) {

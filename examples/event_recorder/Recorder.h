@@ -88,6 +88,9 @@ class Recorder {
 
   // Helpers.
   bool Fail(const std::string& reason);
+  // Init and OpenDB with `generation`'s key: 0 or the first failure's code.
+  long long OpenQuietly(unsigned int generation);
+  // OpenQuietly, reporting a failure.
   bool OpenWithGeneration(unsigned int generation);
   bool KeyOpensDatabase();
   void ReleaseDatabase();
@@ -96,7 +99,7 @@ class Recorder {
   bool InsertBatch(std::vector<AlarmEvent>& batch, size_t count);
   bool ReadConfig(const char* name, ConfigEntry* entry, bool* found);
   bool WriteConfig(const char* name, const std::string& value);
-  bool IndexExists(const char* name, bool* exists);
+  bool IndexExists(const char* name);
   bool SetSeverityForTypes(int32_t severity, const int32_t* types, int count);
   bool ReadSeverityBack(std::string* read_back);
   bool CollectFinalFigures();
