@@ -55,7 +55,8 @@ TEST_F(AggregateTest, CountOfAnEmptyTableIsZero) {
   LogCapture log;
   EXPECT_EQ(table_->get_item_cnt(none_), 0);
   EXPECT_EQ(sql.Statements(), std::vector<std::string>{"select count(*) from t_person;"});
-  ExpectLoggedOnce(log, 0, kDbLogFile, " Table::get_item_cnt = select count(*) from t_person;");
+  ExpectLoggedOnce(log, 0, kDbLogFile,
+                   " Table::get_item_cnt = select count(*) from t_person;");
 }
 
 TEST_F(AggregateTest, CountWithAFilter) {
@@ -66,9 +67,10 @@ TEST_F(AggregateTest, CountWithAFilter) {
                     Term("iId_pa", DB_FILTER_OP_ORDER_BY));
   SqlCapture sql(Handle());
   EXPECT_EQ(table_->get_item_cnt(filters), 2);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "select count(*) from t_person where iAge > 10 order by "
-                                  "iId_pa;"});
+  EXPECT_EQ(
+      sql.Statements(),
+      std::vector<std::string>{"select count(*) from t_person where iAge > 10 order by "
+                               "iId_pa;"});
   EXPECT_EQ(table_->get_item_cnt(none_), 3);
 }
 
@@ -96,8 +98,9 @@ TEST_F(AggregateTest, CountFailureIsLoggedAfterTheStatement) {
   DbFilters filters(1, new DbFilter(&ghost, DB_FILTER_OP_EQ, IntSlot(1), nullptr));
   LogCapture log;
   EXPECT_EQ(table_->get_item_cnt(filters), -1);
-  ExpectLoggedOnce(log, 0, kDbLogFile,
-                   " Table::get_item_cnt = select count(*) from t_person where iGhost = 1;");
+  ExpectLoggedOnce(
+      log, 0, kDbLogFile,
+      " Table::get_item_cnt = select count(*) from t_person where iGhost = 1;");
   ExpectLoggedOnce(log, 3, kDbLogFile, "ExecuteSQL for get_item_cnt failed !");
 }
 
@@ -105,7 +108,8 @@ TEST_F(AggregateTest, CountAboveTheRangeOfA32BitLong) {
   // The table name goes into the statement as it stands, which lets this
   // test make the count cell hold 2^32.
   Meta big;
-  big.Init("t_person UNION ALL SELECT 4294967296 ORDER BY 1 DESC LIMIT 1", sizeof(Person));
+  big.Init("t_person UNION ALL SELECT 4294967296 ORDER BY 1 DESC LIMIT 1",
+           sizeof(Person));
   big.AddMember(new Member("iAge", 0, &types_.int4));
   Table table(&db_, &big, 0);
   if (sizeof(long) == 4) {
@@ -135,7 +139,8 @@ TEST_F(AggregateTest, IntegerMaxIsReturnedAndWritten) {
   SqlCapture sql(Handle());
   EXPECT_EQ(table_->get_item_max(col, none_, out), 42);
   EXPECT_EQ(out, "42");
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{"select max(iAge) from t_person;"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{"select max(iAge) from t_person;"});
   EXPECT_EQ(table_->get_item_min(col, none_, out), 7);
   EXPECT_EQ(out, "7");
 }
@@ -178,7 +183,8 @@ TEST_F(AggregateTest, MaxWithAFilterAndDerivedNames) {
   Table* table = Create(&meta, 1);
   Exec("insert into t_plain (Id, Age) values (1, 10), (2, 20), (3, 30);");
   DbFilters col(1, new DbFilter(meta.Get("iAge"), DB_FILTER_OP_EQ, nullptr, nullptr));
-  DbFilters filters(1, new DbFilter(meta.Get("iId_pa"), DB_FILTER_OP_LT, IntSlot(3), nullptr));
+  DbFilters filters(
+      1, new DbFilter(meta.Get("iId_pa"), DB_FILTER_OP_LT, IntSlot(3), nullptr));
   std::string out;
   SqlCapture sql(Handle());
   EXPECT_EQ(table->get_item_max(col, filters, out), 20);

@@ -22,6 +22,7 @@
 
 using ipc_db_test::DbTest;
 using ipc_db_test::ExpectLoggedOnce;
+using ipc_db_test::HexOf;
 using ipc_db_test::IntSlot;
 using ipc_db_test::kDbLogFile;
 using ipc_db_test::LogCapture;
@@ -67,13 +68,13 @@ class ReadTest : public DbTest {
   void Fill(int count, const std::string& table = "t_item") {
     Exec("begin;");
     for (int i = 1; i <= count; ++i) {
-      char blob[17];
-      std::snprintf(blob, sizeof(blob), "%02X%02X%02X%02X%02X%02X%02X%02X", i, i, i, i, i, i,
-                    i, i);
+      unsigned char bytes[8];
+      std::memset(bytes, i, sizeof(bytes));
+      std::string blob = HexOf(bytes, sizeof(bytes));
       Exec("insert into " + table + " values (" + std::to_string(i) + ", " +
            std::to_string(i * 10) + ", 'title" + std::to_string(i) + "', " +
-           std::to_string(5000000000LL + i) + ", x'" + blob + "', 'c" + std::to_string(i) +
-           "', " + std::to_string(i) + ");");
+           std::to_string(5000000000LL + i) + ", x'" + blob + "', 'c" +
+           std::to_string(i) + "', " + std::to_string(i) + ");");
     }
     Exec("commit;");
   }
@@ -177,7 +178,8 @@ TEST_F(ReadTest, SelectedColumnsArePackedAndEachRowOverwritesTheLast) {
   Fill(5);
   Item items[2];
   Clear(items, sizeof(items));
-  DbFilters cols(2, Term(M("iCount"), DB_FILTER_OP_EQ), Term(M("cTitle"), DB_FILTER_OP_EQ));
+  DbFilters cols(2, Term(M("iCount"), DB_FILTER_OP_EQ),
+                 Term(M("cTitle"), DB_FILTER_OP_EQ));
   unsigned long long count = 0;
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->get_item(cols, none_, count, items), 0);
@@ -221,15 +223,16 @@ TEST_F(ReadTest, ShortTextKeepsTheBytesAfterItsTerminator) {
 TEST_F(ReadTest, IntegerWidthsChooseThe32Or64BitRead) {
   // 2^32 + 5 in the 4-byte and in the 8-byte column; a value with eight
   // distinct bytes in the 2-byte column.
-  Exec("insert into t_item (iId_pa, iCount, iBig, iSmall) values (1, 4294967301, "
-       "4294967301, 72623859790382856);");
+  Exec(
+      "insert into t_item (iId_pa, iCount, iBig, iSmall) values (1, 4294967301, "
+      "4294967301, 72623859790382856);");
   Item item;
   Clear(&item, sizeof(item));
   unsigned long long count = 0;
   ASSERT_EQ(table_->get_item(none_, none_, count, &item), 0);
-  EXPECT_EQ(item.count, 5);              // sqlite3_column_int keeps the low 32 bits
-  EXPECT_EQ(item.big, 4294967301LL);     // sqlite3_column_int64
-  int64_t small;                          // 8 bytes written from iSmall's offset
+  EXPECT_EQ(item.count, 5);           // sqlite3_column_int keeps the low 32 bits
+  EXPECT_EQ(item.big, 4294967301LL);  // sqlite3_column_int64
+  int64_t small;                      // 8 bytes written from iSmall's offset
   std::memcpy(&small, &item.small, sizeof(small));
   EXPECT_EQ(small, 0x0102030405060708LL);
 }
@@ -276,8 +279,9 @@ TEST_F(ReadTest, MisplacedClauseTermsAreRefusedBeforeAnythingRuns) {
   };
   std::vector<Case> cases;
   cases.push_back({"offset alone", {Term(nullptr, DB_FILTER_OP_OFFSET, IntSlot(10))}});
-  cases.push_back({"and first",
-                   {Term(nullptr, DB_FILTER_OP_AND), Term(M("iCount"), DB_FILTER_OP_EQ)}});
+  cases.push_back(
+      {"and first",
+       {Term(nullptr, DB_FILTER_OP_AND), Term(M("iCount"), DB_FILTER_OP_EQ)}});
   cases.push_back({"equal, offset",
                    {Term(M("iCount"), DB_FILTER_OP_EQ, IntSlot(1)),
                     Term(nullptr, DB_FILTER_OP_OFFSET, IntSlot(10))}});
@@ -322,9 +326,9 @@ TEST_F(ReadTest, ConditionsAndDescendingOrder) {
   unsigned long long count = 0;
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->get_item(none_, filters, count, items), 0);
-  EXPECT_EQ(sql.Statements(),
-            std::vector<std::string>{"select * from t_item where iCount >= 20 and iCount <= "
-                                     "40 order by iId_pa DESC ;"});
+  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
+                                  "select * from t_item where iCount >= 20 and iCount <= "
+                                  "40 order by iId_pa DESC ;"});
   ASSERT_EQ(count, 3u);
   EXPECT_EQ(items[0].id, 4);
   EXPECT_EQ(items[1].id, 3);
@@ -339,8 +343,8 @@ TEST_F(ReadTest, ClauseMayOpenWithAnOrdering) {
   unsigned long long count = 0;
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->get_item(none_, filters, count, &item), 0);
-  EXPECT_EQ(sql.Statements(),
-            std::vector<std::string>{"select * from t_item order by iId_pa DESC  limit 1;"});
+  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
+                                  "select * from t_item order by iId_pa DESC  limit 1;"});
   EXPECT_EQ(item.id, 3);
 }
 
@@ -351,8 +355,9 @@ TEST_F(ReadTest, PrepareFailureLeavesTheCountAlone) {
   unsigned long long count = 7;
   LogCapture log;
   EXPECT_EQ(table_->get_item(cols, none_, count, &item), -1);
-  ExpectLoggedOnce(log, 3, kDbLogFile,
-                   "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
+  ExpectLoggedOnce(
+      log, 3, kDbLogFile,
+      "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
   EXPECT_EQ(count, 7u);
 }
 
@@ -377,9 +382,11 @@ TEST_F(ReadTest, DerivedNamesInTheSelectListAndTheClause) {
 TEST_F(ReadTest, StepErrorEndsTheReadWithTheRowsSoFar) {
   Fill(4);
   // The third row of the view raises an integer overflow while stepping.
-  Exec("create view t_view as select iId_pa, case when iId_pa = 3 then "
-       "abs(iBig - iBig - 9223372036854775807 - 1) else iCount end as iCount, cTitle, iBig, bBlob, tCode, "
-       "iSmall from t_item order by iId_pa;");
+  Exec(
+      "create view t_view as select iId_pa, case when iId_pa = 3 then "
+      "abs(iBig - iBig - 9223372036854775807 - 1) else iCount end as iCount, cTitle, "
+      "iBig, bBlob, tCode, "
+      "iSmall from t_item order by iId_pa;");
   Meta view;
   DescribeItem(&view, "t_view");
   Table table(&db_, &view, 0);
@@ -519,8 +526,9 @@ TEST_F(LayoutTest, FilterRefusalAndPrepareFailureAsInGetItem) {
   ghost.sql_type = "INTEGER";
   DbFilters badCondition(1, Term(&ghost, DB_FILTER_OP_EQ, IntSlot(1)));
   EXPECT_EQ(table_->get_item_z(none_, badCondition, count, &pair, &pair_), -1);
-  ExpectLoggedOnce(log, 3, kDbLogFile,
-                   "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
+  ExpectLoggedOnce(
+      log, 3, kDbLogFile,
+      "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
   EXPECT_EQ(count, 3u);
 }
 
@@ -545,7 +553,8 @@ TEST_F(LayoutTest, VectorAppendsAfterItsElementsInRowOrder) {
   unsigned long long count = 0;
   ASSERT_EQ(table_->get_item_vz(none_, filters, count, out, &pair_), 0);
   EXPECT_EQ(count, 3u);
-  EXPECT_EQ(out, (std::vector<std::string>{"first", "second", "title3", "title2", "title1"}));
+  EXPECT_EQ(out,
+            (std::vector<std::string>{"first", "second", "title3", "title2", "title1"}));
 }
 
 TEST_F(LayoutTest, StringEndsAtTheFirstZeroByteOfTheScratchRecord) {
@@ -612,7 +621,8 @@ TEST_F(LayoutTest, ChecksOfTheStringVariantsInOrder) {
     std::vector<std::string> vector = {"y"};
     unsigned long long count = 5;
     LogCapture log;
-    EXPECT_EQ(c.table->get_item_lz(*c.cols, none_, count, list, c.layout), -1) << c.message;
+    EXPECT_EQ(c.table->get_item_lz(*c.cols, none_, count, list, c.layout), -1)
+        << c.message;
     EXPECT_EQ(c.table->get_item_vz(*c.cols, none_, count, vector, c.layout), -1);
     EXPECT_EQ(log.Count(c.message), 2u) << log.Dump();
     EXPECT_EQ(log.Entries().size(), 2u) << log.Dump();
@@ -639,12 +649,14 @@ TEST_F(LayoutTest, SetWithASelectionCopiesToTheBufferStart) {
   Fill(2);
   // The member's offset is not 0; with a selection it is not used.
   Member title("cTitle", 8, &types_.char32);
-  DbFilters cols(2, Term(M("iId_pa"), DB_FILTER_OP_EQ), Term(M("cTitle"), DB_FILTER_OP_EQ));
+  DbFilters cols(2, Term(M("iId_pa"), DB_FILTER_OP_EQ),
+                 Term(M("cTitle"), DB_FILTER_OP_EQ));
   std::set<std::string> out;
   unsigned long long count = 0;
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->get_item_sz(cols, none_, count, out, &title), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{"select iId_pa, cTitle from t_item;"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{"select iId_pa, cTitle from t_item;"});
   EXPECT_EQ(out, (std::set<std::string>{"title1", "title2"}));
 }
 
@@ -694,7 +706,8 @@ TEST_F(LayoutTest, ChecksOfTheSetVariantInOrder) {
     std::set<std::string> out = {"x"};
     unsigned long long count = 5;
     LogCapture log;
-    EXPECT_EQ(c.table->get_item_sz(*c.cols, none_, count, out, c.member), -1) << c.message;
+    EXPECT_EQ(c.table->get_item_sz(*c.cols, none_, count, out, c.member), -1)
+        << c.message;
     ExpectLoggedOnce(log, 3, kDbLogFile, c.message);
     EXPECT_EQ(log.Entries().size(), 1u) << log.Dump();
     EXPECT_EQ(out, std::set<std::string>{"x"});

@@ -134,7 +134,8 @@ TEST_F(RoundTripTest, EventsThroughEveryOperation) {
                             Row(events[3], 4)}));
 
   // Read the changed event back.
-  DbFilters whereThree(1, new DbFilter(M("iId_pa"), DB_FILTER_OP_EQ, IntSlot(3), nullptr));
+  DbFilters whereThree(1,
+                       new DbFilter(M("iId_pa"), DB_FILTER_OP_EQ, IntSlot(3), nullptr));
   Event three;
   count = 0;
   ASSERT_EQ(table_->get_item(none_, whereThree, count, &three), 0);
