@@ -112,7 +112,8 @@ TEST_F(UpdateTest, EmptyWhereChangesEveryRow) {
   LogCapture log;
   ASSERT_EQ(table_->update_item(set, where), 0);
   EXPECT_EQ(sql.Statements(), std::vector<std::string>{"update t_person set iAge = 5;"});
-  ExpectLoggedOnce(log, 0, kDbLogFile, " Table::update_item = update t_person set iAge = 5;\n");
+  ExpectLoggedOnce(log, 0, kDbLogFile,
+                   " Table::update_item = update t_person set iAge = 5;\n");
   EXPECT_EQ(Ages(), (Rows{{"1", "5"}, {"2", "5"}, {"3", "5"}}));
 }
 
@@ -124,9 +125,9 @@ TEST_F(UpdateTest, SeveralAssignmentsAreSeparatedByCommas) {
   DbFilters where(1, Term(id_, DB_FILTER_OP_EQ, IntSlot(2)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->update_item(set, where), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "update t_person set iAge = -1, cName = 'zed' where "
-                                  "iId_pa = 2;"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{"update t_person set iAge = -1, cName = 'zed' where "
+                                     "iId_pa = 2;"});
   EXPECT_EQ(Query("select iId_pa, iAge, cName from t_person order by iId_pa"),
             (Rows{{"1", "10", "n1"}, {"2", "-1", "zed"}}));
 }
@@ -137,7 +138,8 @@ TEST_F(UpdateTest, WhereOpeningWithALimitHasNoWhereKeyword) {
   DbFilters where(1, Term(nullptr, DB_FILTER_OP_LIMIT, IntSlot(5)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->update_item(set, where), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{"update t_person set iAge = 1 limit 5;"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{"update t_person set iAge = 1 limit 5;"});
   EXPECT_EQ(Query("select count(*) from t_person where iAge = 1"), (Rows{{"5"}}));
 }
 
@@ -163,9 +165,9 @@ TEST_F(UpdateTest, OrderingAndLimitNarrowTheUpdate) {
                   Term(nullptr, DB_FILTER_OP_LIMIT, IntSlot(2)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->update_item(set, where), 0);
-  EXPECT_EQ(sql.Statements(),
-            std::vector<std::string>{"update t_person set iAge = 0 where iAge > 10 order by "
-                                     "iId_pa DESC  limit 2;"});
+  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
+                                  "update t_person set iAge = 0 where iAge > 10 order by "
+                                  "iId_pa DESC  limit 2;"});
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"2", "20"}, {"3", "0"}, {"4", "0"}}));
 }
 
@@ -176,8 +178,9 @@ TEST_F(UpdateTest, TwoConditionsAreJoinedByAnd) {
                   Term(age_, DB_FILTER_OP_EQ, IntSlot(20)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->update_item(set, where), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "update t_person set iAge = 1 where iId_pa = 2 and iAge = 20;"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{
+                "update t_person set iAge = 1 where iId_pa = 2 and iAge = 20;"});
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"2", "1"}, {"3", "30"}}));
 }
 
@@ -266,8 +269,9 @@ TEST_F(UpdateTest, BlobAssignmentAndBlobConditionAreBoundAtOneAndTwo) {
                   Term(nullptr, DB_FILTER_OP_LIMIT, IntSlot(1)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->update_item(set, where), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "update t_person set bData = ? where bData = ? limit 1;"});
+  EXPECT_EQ(
+      sql.Statements(),
+      std::vector<std::string>{"update t_person set bData = ? where bData = ? limit 1;"});
   EXPECT_EQ(Query("select iId_pa from t_person where hex(bData) = 'FFEEDDCCBBAA9988'"),
             (Rows{{"3"}}));
 }
@@ -320,8 +324,9 @@ TEST_F(UpdateTest, BlobPathPrepareFailureIsLogged) {
   DbFilters where(1, Term(&ghost, DB_FILTER_OP_EQ, IntSlot(1)));
   LogCapture log;
   EXPECT_EQ(table_->update_item(set, where), -1);
-  ExpectLoggedOnce(log, 3, kDbLogFile,
-                   "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
+  ExpectLoggedOnce(
+      log, 3, kDbLogFile,
+      "Failed to sqlite3_prepare!errorcode:1, reason:no such column: iGhost!!\n");
 }
 
 TEST_F(UpdateTest, BlobPathStepFailureIsLogged) {
@@ -332,9 +337,10 @@ TEST_F(UpdateTest, BlobPathStepFailureIsLogged) {
   DbFilters where(1, Term(id_, DB_FILTER_OP_EQ, IntSlot(2)));
   LogCapture log;
   EXPECT_EQ(table_->update_item(set, where), -1);
-  ExpectLoggedOnce(log, 3, kDbLogFile,
-                   "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
-                   "database!!\n");
+  ExpectLoggedOnce(
+      log, 3, kDbLogFile,
+      "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
+      "database!!\n");
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"2", "20"}}));
 }
 
@@ -389,8 +395,9 @@ TEST_F(UpdateTest, RemoveJoinsTermsWithAnd) {
                  Term(name_, DB_FILTER_OP_NE, name));
   SqlCapture sql(Handle());
   ASSERT_EQ(table_->rmv_item(&list, 1), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "delete from t_person where iAge > 10 and cName <> 'n3';"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{
+                "delete from t_person where iAge > 10 and cName <> 'n3';"});
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"3", "30"}}));
 }
 
@@ -414,7 +421,8 @@ TEST_F(UpdateTest, RemoveUsesDerivedNamesInAnalyzedMode) {
   DbFilters list(1, Term(meta.Get("iId_pa"), DB_FILTER_OP_IN, nullptr, IntSlot(0)));
   SqlCapture sql(Handle());
   ASSERT_EQ(table->rmv_item(&list, 1), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{"delete from t_plain where Id IN ( );"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{"delete from t_plain where Id IN ( );"});
 }
 
 TEST_F(UpdateTest, RemoveSeveralListsInOneTransaction) {
@@ -426,10 +434,10 @@ TEST_F(UpdateTest, RemoveSeveralListsInOneTransaction) {
   SqlCapture sql(Handle());
   LogCapture log;
   ASSERT_EQ(table_->rmv_item(lists, 3), 0);
-  EXPECT_EQ(sql.Statements(),
-            (std::vector<std::string>{"begin;", "delete from t_person where iId_pa = 1;",
-                                      "delete from t_person where iId_pa = 3;",
-                                      "delete from t_person where iAge >= 50;", "commit;"}));
+  EXPECT_EQ(sql.Statements(), (std::vector<std::string>{
+                                  "begin;", "delete from t_person where iId_pa = 1;",
+                                  "delete from t_person where iId_pa = 3;",
+                                  "delete from t_person where iAge >= 50;", "commit;"}));
   ExpectLoggedOnce(log, 0, kDbLogFile, " Table::begin = begin;\n");
   ExpectLoggedOnce(log, 0, kDbLogFile, " Table::end = commit;\n");
   EXPECT_EQ(Ages(), (Rows{{"2", "20"}, {"4", "40"}}));
@@ -449,8 +457,8 @@ TEST_F(UpdateTest, FailingDeleteLeavesTheTransactionOpen) {
   EXPECT_EQ(table_->rmv_item(lists, 3), -1);
   ExpectLoggedOnce(log, 3, kDbLogFile, "ExecuteSQL for rmv_item failed!error:-204\n");
   // The third delete never ran; no commit, no rollback.
-  EXPECT_EQ(sql.Statements(),
-            (std::vector<std::string>{"begin;", "delete from t_person where iId_pa = 1;"}));
+  EXPECT_EQ(sql.Statements(), (std::vector<std::string>{
+                                  "begin;", "delete from t_person where iId_pa = 1;"}));
   EXPECT_EQ(sqlite3_get_autocommit(Handle()), 0);
   EXPECT_EQ(Ages(), (Rows{{"2", "20"}, {"3", "30"}}));
 
@@ -474,8 +482,9 @@ TEST_F(UpdateTest, FailingDeleteLeavesTheTransactionOpen) {
 TEST_F(UpdateTest, CommitFailureOfARemovalIsLogged) {
   // A deferred foreign key turns the commit into the failing statement.
   Exec("PRAGMA foreign_keys = ON;");
-  Exec("create table t_ref(iPerson INTEGER REFERENCES t_person(iId_pa) DEFERRABLE "
-       "INITIALLY DEFERRED);");
+  Exec(
+      "create table t_ref(iPerson INTEGER REFERENCES t_person(iId_pa) DEFERRABLE "
+      "INITIALLY DEFERRED);");
   Fill(2);
   Exec("insert into t_ref values (1);");
   DbFilters lists[2];
