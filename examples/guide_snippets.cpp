@@ -61,28 +61,31 @@ void DescribeEvent() {
 
 // [guide:int_value]
 // An integer filter value travels in the bits of the pointer argument.
-void* IntValue(int value) { return reinterpret_cast<void*>(static_cast<intptr_t>(value)); }
+void* IntValue(int value) {
+  return reinterpret_cast<void*>(static_cast<intptr_t>(value));
+}
 // [/guide:int_value]
 
 std::string LoadDeviceKey() { return std::string(64, 'k'); }
 
 // [guide:lifecycle]
-long long RecordSomething(const std::string& dir) {  // dir ends with "/"
-  Db db;                                // empty: GetDBStatus() == 2
-  std::string key = LoadDeviceKey();    // exactly 64 characters
+// `dir` ends with "/".
+long long RecordSomething(const std::string& dir) {
+  Db db;                              // empty: GetDBStatus() == 2
+  std::string key = LoadDeviceKey();  // exactly 64 characters
   long long rc = db.Init(0, dir, "events.db", "events.db-journal", &key[0], 64);
-  if (rc != 0) return rc;               // null key, or a kind other than 0
-  rc = db.OpenDB();                     // makes dir (one level), opens, keys
+  if (rc != 0) return rc;  // null key, or a kind other than 0
+  rc = db.OpenDB();        // makes dir (one level), opens, keys
   if (rc == 0) {
     db.SetJournalAttr(DB_JOURNAL_WAL);  // after OpenDB: each open resets DELETE
     Table* events = db.createTable(&eventMeta, 1);  // 1: plain column names
     if (events != nullptr) {
       // ... record operations on events ...
-      delete events;                    // the caller owns every Table
+      delete events;  // the caller owns every Table
     }
     rc = db.CloseDB();
   }
-  db.UnInit();                          // closes when open, frees the connection
+  db.UnInit();  // closes when open, frees the connection
   return rc;
 }
 // [/guide:lifecycle]
@@ -92,7 +95,7 @@ long long Status(Db& db) { return db.GetDBStatus(); }
 void TableStatus(Db& db) {
   // [guide:table_status]
   std::string name = "t_event";
-  int exists = db.getTableStatus(name);      // 1 exists, 0 missing
+  int exists = db.getTableStatus(name);  // 1 exists, 0 missing
   std::string sql;
   long long rc = db.getTableSql(name, sql);  // 0: sql holds the CREATE text
   // sql: CREATE TABLE t_event(Id INTEGER PRIMARY KEY autoincrement,
@@ -110,13 +113,13 @@ void Insert(Db& db, Table* events) {
   Event batch[3];
   std::memset(batch, 0, sizeof(batch));  // zero bytes end every text field
   for (int i = 0; i < 3; ++i) {
-    batch[i].id = 0;                     // 0 in an autoincrement key: assigned
+    batch[i].id = 0;  // 0 in an autoincrement key: assigned
     batch[i].time = 1700000000 + i;
     batch[i].channel = 2;
     std::snprintf(batch[i].text, sizeof(batch[i].text), "motion in zone %d", i);
     std::memset(batch[i].thumb, 0xA0 + i, sizeof(batch[i].thumb));
   }
-  DbFilters allColumns;                  // empty: every member, in Meta order
+  DbFilters allColumns;  // empty: every member, in Meta order
   long long rc = events->add_item(batch, 3, allColumns);  // one transaction
   if (rc != 0) {
     // A failed multi-record call leaves its transaction open: end it.
@@ -157,13 +160,12 @@ void ReadPage(Table* events) {
   Member* channel = eventMeta.Get("iChannel");
   Member* time = eventMeta.Get("iTime_n");
   Event page[5];
-  DbFilters allColumns;                  // empty: whole records ("select *")
-  DbFilters filters(4,
-      new DbFilter(channel, DB_FILTER_OP_EQ, IntValue(2), nullptr),
-      new DbFilter(time, DB_FILTER_OP_ORDER_BY_DESC, nullptr, nullptr),
-      new DbFilter(nullptr, DB_FILTER_OP_LIMIT, IntValue(5), nullptr),
-      new DbFilter(nullptr, DB_FILTER_OP_OFFSET, IntValue(5), nullptr));
-  unsigned long long rows = 5;           // in: at most 5 (0: no limit); out: read
+  DbFilters allColumns;  // empty: whole records ("select *")
+  DbFilters filters(4, new DbFilter(channel, DB_FILTER_OP_EQ, IntValue(2), nullptr),
+                    new DbFilter(time, DB_FILTER_OP_ORDER_BY_DESC, nullptr, nullptr),
+                    new DbFilter(nullptr, DB_FILTER_OP_LIMIT, IntValue(5), nullptr),
+                    new DbFilter(nullptr, DB_FILTER_OP_OFFSET, IntValue(5), nullptr));
+  unsigned long long rows = 5;  // in: at most 5 (0: no limit); out: read
   long long rc = events->get_item(allColumns, filters, rows, page);
   // select * from t_event where Channel = 2 order by Time DESC  limit 5 offset 5;
   // [/guide:get_item]
@@ -177,7 +179,7 @@ void ReadPacked(Table* events) {
   // [guide:get_item_columns]
   Member* id = eventMeta.Get("iId_pa");
   Member* thumb = eventMeta.Get("bThumb");
-  unsigned char preview[16];             // exactly the selected column
+  unsigned char preview[16];  // exactly the selected column
   DbFilters thumbOnly(1, new DbFilter(thumb, DB_FILTER_OP_EQ, nullptr, nullptr));
   DbFilters byId(1, new DbFilter(id, DB_FILTER_OP_EQ, IntValue(2), nullptr));
   unsigned long long rows = 1;
@@ -190,7 +192,7 @@ void ReadPacked(Table* events) {
 }
 
 // [guide:brief]
-struct EventBrief {                      // the caller's own, smaller layout
+struct EventBrief {  // the caller's own, smaller layout
   char text[32];
   int time;
 };
@@ -198,7 +200,7 @@ struct EventBrief {                      // the caller's own, smaller layout
 
 void ReadBrief(Table* events) {
   // [guide:get_item_z]
-  Meta briefMeta;                        // not registered, not a table
+  Meta briefMeta;  // not registered, not a table
   briefMeta.Init("event_brief", sizeof(EventBrief));
   briefMeta.AddMember(new Member("cText", offsetof(EventBrief, text), &textType));
   briefMeta.AddMember(new Member("iTime_n", offsetof(EventBrief, time), &intType));
@@ -219,17 +221,17 @@ void ReadBrief(Table* events) {
 
 void ReadTexts(Table* events) {
   // [guide:get_item_vz]
-  Meta textRow;                          // the text must sit at offset 0
+  Meta textRow;  // the text must sit at offset 0
   textRow.Init("text_row", 32);
   textRow.AddMember(new Member("cText", 0, &textType));
   Member* text = eventMeta.Get("cText");
   DbFilters textOnly(1, new DbFilter(text, DB_FILTER_OP_EQ, nullptr, nullptr));
   DbFilters everyRow;
-  std::vector<std::string> texts;        // appended to, in row order
-  unsigned long long rows = 0;           // 0: no limit
+  std::vector<std::string> texts;  // appended to, in row order
+  unsigned long long rows = 0;     // 0: no limit
   long long rc = events->get_item_vz(textOnly, everyRow, rows, texts, &textRow);
 
-  std::set<std::string> distinct;        // equal texts collapse
+  std::set<std::string> distinct;  // equal texts collapse
   Member textAtZero("cText", 0, &textType);
   DbFilters allColumns;
   rows = 0;
@@ -246,12 +248,12 @@ void Conditions(Table* events) {
   Member* channel = eventMeta.Get("iChannel");
   Member* time = eventMeta.Get("iTime_n");
   Member* text = eventMeta.Get("cText");
-  int channels[2] = {1, 3};              // an int member of width 4: int elements
-  char pattern[32] = "line crossing%";   // text values point to the characters
-  DbFilters filters(3,
-      new DbFilter(channel, DB_FILTER_OP_IN, channels, IntValue(2)),
-      new DbFilter(time, DB_FILTER_OP_BETWEEN, IntValue(1700000100), IntValue(1700000119)),
-      new DbFilter(text, DB_FILTER_OP_LIKE, pattern, nullptr));
+  int channels[2] = {1, 3};             // an int member of width 4: int elements
+  char pattern[32] = "line crossing%";  // text values point to the characters
+  DbFilters filters(3, new DbFilter(channel, DB_FILTER_OP_IN, channels, IntValue(2)),
+                    new DbFilter(time, DB_FILTER_OP_BETWEEN, IntValue(1700000100),
+                                 IntValue(1700000119)),
+                    new DbFilter(text, DB_FILTER_OP_LIKE, pattern, nullptr));
   long long count = events->get_item_cnt(filters);
   // select count(*) from t_event where Channel IN (1 , 3 ) and
   //   Time between 1700000100 and 1700000119 and Text like 'line crossing%';
@@ -263,7 +265,7 @@ void Aggregates(Table* events) {
   // [guide:aggregates]
   Member* time = eventMeta.Get("iTime_n");
   DbFilters everyRow;
-  long long rows = events->get_item_cnt(everyRow);   // -1 on failure
+  long long rows = events->get_item_cnt(everyRow);  // -1 on failure
   DbFilters timeColumn(1, new DbFilter(time, DB_FILTER_OP_EQ, nullptr, nullptr));
   std::string newestText, oldestText;
   long long newest = events->get_item_max(timeColumn, everyRow, newestText);
@@ -305,7 +307,7 @@ void Remove(Db& db, Table* events) {
   // [guide:rmv_item]
   Member* channel = eventMeta.Get("iChannel");
   Member* time = eventMeta.Get("iTime_n");
-  DbFilters lists[2];                    // one delete per list, one transaction
+  DbFilters lists[2];  // one delete per list, one transaction
   lists[0].add_filter(new DbFilter(channel, DB_FILTER_OP_EQ, IntValue(4), nullptr));
   lists[1].add_filter(new DbFilter(time, DB_FILTER_OP_LT, IntValue(1700000002), nullptr));
   lists[1].add_filter(new DbFilter(channel, DB_FILTER_OP_EQ, IntValue(2), nullptr));
@@ -333,18 +335,18 @@ void Indexes(Table* events) {
 // Version 2 of the application adds a field at the end of its struct.
 struct EventV2 {
   Event v1;
-  int severity;                          // iSeverity -> Severity INTEGER
+  int severity;  // iSeverity -> Severity INTEGER
 };
 // [/guide:severity_member]
 
 void Migrate(Db& db) {
   // [guide:update_table]
   Member* severity = new Member("iSeverity", offsetof(EventV2, severity), &intType);
-  TableChange change(1, severity);       // one member per call: SQLite adds one column
+  TableChange change(1, severity);  // one member per call: SQLite adds one column
   long long rc = db.updateTable("t_event", change, "1", 1);
   // ALTER TABLE t_event ADD COLUMN Severity INTEGER DEFAULT 1;
   if (rc == 0) {
-    eventMeta.AddMember(severity);       // the description owns it from now on
+    eventMeta.AddMember(severity);               // the description owns it from now on
     eventMeta.Init("t_event", sizeof(EventV2));  // records are EventV2 now
   } else {
     delete severity;
@@ -366,7 +368,7 @@ void ReadMigrated(Table* events) {
 
 void Vacuum(Db& db, Table* events) {
   // [guide:vacuum]
-  long long rc = db.db_vacuum();         // "VACUUM;": compacts the whole file
+  long long rc = db.db_vacuum();  // "VACUUM;": compacts the whole file
   long long rcTable = events->table_vacuum();
   // "VACUUM t_event;" fails on SQLite 3.15: it names an attached schema there.
   // [/guide:vacuum]
@@ -376,8 +378,9 @@ void Vacuum(Db& db, Table* events) {
 
 void Rekey(Db& db) {
   // [guide:rekey]
-  std::string newKey(64, 'n');           // store it before the call returns:
-  long long rc = db.reEncryptDB(newKey.c_str(), 64);  // the next open needs it
+  // Store the new key before the call: the next open needs it.
+  std::string newKey(64, 'n');
+  long long rc = db.reEncryptDB(newKey.c_str(), 64);
   // 0: re-keyed. -209: the database has no key, or SQLCipher refused.
   // [/guide:rekey]
   Check(rc == 0, "reEncryptDB");
@@ -394,10 +397,10 @@ void PrintEntry(void* user, unsigned int module, unsigned int level,
 }
 
 void CountWithEveryEntryShown(Table* events) {
-  ZB_SetLogSink(PrintEntry, nullptr);    // every entry, levels 0 to 3
+  ZB_SetLogSink(PrintEntry, nullptr);  // every entry, levels 0 to 3
   DbFilters everyRow;
-  events->get_item_cnt(everyRow);        // logs the SQL text at level 0
-  ZB_SetLogSink(nullptr, nullptr);       // default: levels 2 and 3 to stderr
+  events->get_item_cnt(everyRow);   // logs the SQL text at level 0
+  ZB_SetLogSink(nullptr, nullptr);  // default: levels 2 and 3 to stderr
 }
 // [/guide:log_sink]
 
@@ -459,7 +462,8 @@ int main(int argc, char** argv) {
   std::string newKey(64, 'n');
   again.Init(0, dir, "events.db", "events.db-journal", &newKey[0], 64);
   Check(again.OpenDB() == 0, "OpenDB with the new key");
-  Check(again.m_pDBConn->GetRowCount("t_event") == 17, "17 rows readable with the new key");
+  Check(again.m_pDBConn->GetRowCount("t_event") == 17,
+        "17 rows readable with the new key");
   again.UnInit();
 
   std::printf("%s: %d failed\n", g_failures == 0 ? "all snippets ran" : "snippets FAILED",

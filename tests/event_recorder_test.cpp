@@ -34,8 +34,8 @@ class EventRecorderTest : public ::testing::Test {
   std::string DatabaseFile() const { return DataDir() + "/events.db"; }
 
   int Run(std::string* output, const std::string& extra = "") {
-    std::string command = std::string("'") + IPC_DB_EVENT_RECORDER + "' " + extra + " '" +
-                          DataDir() + "'";
+    std::string command =
+        std::string("'") + IPC_DB_EVENT_RECORDER + "' " + extra + " '" + DataDir() + "'";
     return RunCommand(command, output);
   }
 
@@ -125,7 +125,8 @@ class RecorderCheck : public EventRecorderTest {
          "strftime('%s','now') - 3700;",
          "0"},
         // Retention: nothing older than 21 days (a minute of slack for the clock).
-        {"select count(*) from t_alarm_event where Time < strftime('%s','now') - 21 * 86400 "
+        {"select count(*) from t_alarm_event where Time < strftime('%s','now') - 21 * "
+         "86400 "
          "- 60;",
          "0"},
         {"select count(*) from sqlite_master where type = 'index' and name in "
@@ -168,8 +169,10 @@ TEST_F(RecorderCheck, TwoRunsReportWhatTheDatabaseHolds) {
   std::string first;
   ASSERT_EQ(Run(&first), 0) << first;
   EXPECT_NE(first.find("(created)"), std::string::npos) << first;
-  EXPECT_NE(first.find("none: first run, 0 events in the table"), std::string::npos) << first;
-  EXPECT_NE(first.find("version 1 -> 2: column Severity added"), std::string::npos) << first;
+  EXPECT_NE(first.find("none: first run, 0 events in the table"), std::string::npos)
+      << first;
+  EXPECT_NE(first.find("version 1 -> 2: column Severity added"), std::string::npos)
+      << first;
   EXPECT_EQ(first.find("FAILED"), std::string::npos) << first;
   EXPECT_EQ(Figure(first, "events found"), 0);
   EXPECT_EQ(Figure(first, "events recorded"), 4000);
@@ -246,9 +249,10 @@ TEST_F(EventRecorderTest, AMarkerNamingAnotherKeyStopsTheRunWithAClearMessage) {
   std::ofstream(DataDir() + "/key_generation") << "5\n";
 
   EXPECT_EQ(Run(&output, "--events 300"), 1);
-  EXPECT_NE(output.find("FAILED at step 4 (open database): the key of generation 5 does not "
-                        "open"),
-            std::string::npos)
+  EXPECT_NE(
+      output.find("FAILED at step 4 (open database): the key of generation 5 does not "
+                  "open"),
+      std::string::npos)
       << output;
   EXPECT_GT(SqlNumber(1, "select count(*) from t_alarm_event;"), 0);
 }

@@ -25,10 +25,10 @@ std::string KeyForGeneration(unsigned int generation);
 
 // What the marker files of a data directory say.
 struct KeyMarker {
-  bool has_current = false;     // "key_generation" exists
-  unsigned int current = 0;     // its number
-  bool has_next = false;        // "key_generation.next" exists
-  unsigned int next = 0;        // its number
+  bool has_current = false;  // "key_generation" exists
+  unsigned int current = 0;  // its number
+  bool has_next = false;     // "key_generation.next" exists
+  unsigned int next = 0;     // its number
 };
 
 // Reads and writes the marker files of one data directory. Every write goes
@@ -53,8 +53,7 @@ class KeyStore {
  private:
   bool ReadNumber(const std::string& path, bool* exists, unsigned int* value,
                   std::string* error) const;
-  bool WriteNumber(const std::string& path, unsigned int value,
-                   std::string* error) const;
+  bool WriteNumber(const std::string& path, unsigned int value, std::string* error) const;
 
   std::string directory_;  // ends with "/"
 };

@@ -28,8 +28,8 @@ namespace {
 constexpr char kDatabaseFile[] = "events.db";
 constexpr char kJournalFile[] = "events.db-journal";
 constexpr int32_t kDay = 24 * 60 * 60;
-constexpr int32_t kHistoryDays = 30;    // generated events span this window
-constexpr int32_t kRetentionDays = 21;  // events older than this are removed
+constexpr int32_t kHistoryDays = 30;        // generated events span this window
+constexpr int32_t kRetentionDays = 21;      // events older than this are removed
 constexpr int32_t kAckedRetentionDays = 7;  // acknowledged ones sooner
 constexpr int32_t kPageSize = 5;
 constexpr int32_t kQueryChannel = 3;
@@ -51,8 +51,12 @@ DbFilter* Equal(Member* member, long long value) {
 }
 
 // Limit and offset do not read their member.
-DbFilter* Limit(long long rows) { return Term(nullptr, DB_FILTER_OP_LIMIT, IntValue(rows)); }
-DbFilter* Offset(long long rows) { return Term(nullptr, DB_FILTER_OP_OFFSET, IntValue(rows)); }
+DbFilter* Limit(long long rows) {
+  return Term(nullptr, DB_FILTER_OP_LIMIT, IntValue(rows));
+}
+DbFilter* Offset(long long rows) {
+  return Term(nullptr, DB_FILTER_OP_OFFSET, IntValue(rows));
+}
 
 std::string TimeText(int32_t seconds) {
   time_t value = seconds;
@@ -206,7 +210,8 @@ bool Recorder::ChooseKey() {
     // A new database starts at generation 0, whatever an old marker says.
     if (!keys_.DropNext(&error) || !keys_.WriteCurrent(0, &error)) return Fail(error);
     figures_.key_generation = 0;
-    report_.Step(label_, "new database: key generation 0 (marker " + keys_.CurrentPath() + ")",
+    report_.Step(label_,
+                 "new database: key generation 0 (marker " + keys_.CurrentPath() + ")",
                  clock.Ms());
     return true;
   }
@@ -229,8 +234,9 @@ bool Recorder::ChooseKey() {
     note = Format(" (an interrupted rotation to generation %u was %s)", marker.next,
                   next_works ? "completed" : "undone");
   }
-  report_.Step(label_, Format("key generation %u from %s%s", figures_.key_generation,
-                              keys_.CurrentPath().c_str(), note.c_str()),
+  report_.Step(label_,
+               Format("key generation %u from %s%s", figures_.key_generation,
+                      keys_.CurrentPath().c_str(), note.c_str()),
                clock.Ms());
   return true;
 }
@@ -239,8 +245,8 @@ bool Recorder::OpenDatabase() {
   Stopwatch clock;
   if (!OpenWithGeneration(figures_.key_generation)) return false;
   if (!KeyOpensDatabase()) {
-    return Fail(Format("the key of generation %u does not open %s", figures_.key_generation,
-                       DatabasePath().c_str()));
+    return Fail(Format("the key of generation %u does not open %s",
+                       figures_.key_generation, DatabasePath().c_str()));
   }
   report_.Step(label_,
                Format("%s with a 64-character key, status %u (1 = open)",
@@ -253,7 +259,8 @@ bool Recorder::ChooseJournalMode() {
   Stopwatch clock;
   long long result = db_.SetJournalAttr(DB_JOURNAL_WAL);
   if (result != 0) return Fail(Format("SetJournalAttr(WAL) returned %lld", result));
-  report_.Step(label_, "WAL (set after open: every open resets it to DELETE)", clock.Ms());
+  report_.Step(label_, "WAL (set after open: every open resets it to DELETE)",
+               clock.Ms());
   return true;
 }
 
@@ -294,9 +301,10 @@ bool Recorder::ReadPreviousRun() {
   }
   figures_.previous_runs = has_runs ? std::atoll(runs.value) : 0;
   if (figures_.previous_runs == 0) {
-    report_.Step(label_, Format("none: first run, %lld events in the table",
-                                figures_.events_found),
-                 clock.Ms());
+    report_.Step(
+        label_,
+        Format("none: first run, %lld events in the table", figures_.events_found),
+        clock.Ms());
     return true;
   }
   long long recorded = has_stored ? std::atoll(stored.value) : -1;
@@ -324,8 +332,8 @@ bool Recorder::RecordEvents() {
     size_t count = static_cast<size_t>(std::min(options_.batch_size, total - done));
     for (size_t i = 0; i < count; ++i) {
       long long step = static_cast<long long>(done + static_cast<int>(i)) * span / total;
-      int32_t time = now_ - span + static_cast<int32_t>(step) +
-                     static_cast<int32_t>(random() % 600);
+      int32_t time =
+          now_ - span + static_cast<int32_t>(step) + static_cast<int32_t>(random() % 600);
       batch[i] = MakeEvent(random, std::min(time, now_));
     }
     if (!InsertBatch(batch, count)) return false;
@@ -336,7 +344,8 @@ bool Recorder::RecordEvents() {
   }
   if (!CountAll(&after)) return false;
   if (after - before != total) {
-    return Fail(Format("%d events written but the table grew by %lld", total, after - before));
+    return Fail(
+        Format("%d events written but the table grew by %lld", total, after - before));
   }
   figures_.events_recorded = total;
   double ms = clock.Ms();
@@ -350,8 +359,8 @@ bool Recorder::RecordEvents() {
 
 bool Recorder::AddIndexes() {
   Stopwatch clock;
-  const std::pair<const char*, Member*> indexes[] = {{"idx_alarm_time", schema_.time},
-                                                     {"idx_alarm_channel", schema_.channel}};
+  const std::pair<const char*, Member*> indexes[] = {
+      {"idx_alarm_time", schema_.time}, {"idx_alarm_channel", schema_.channel}};
   std::string text;
   for (const auto& index : indexes) {
     bool exists = IndexExists(index.first);
@@ -392,11 +401,12 @@ bool Recorder::QueryLatestOfChannel() {
       previous = event.time;
     }
   }
-  report_.Step(label_,
-               Format("channel %d, order by Time desc, limit %d: page 1 %llu rows, page 2 "
-                      "(offset %d) %llu rows, newest first",
-                      kQueryChannel, kPageSize, rows[0], kPageSize, rows[1]),
-               clock.Ms());
+  report_.Step(
+      label_,
+      Format("channel %d, order by Time desc, limit %d: page 1 %llu rows, page 2 "
+             "(offset %d) %llu rows, newest first",
+             kQueryChannel, kPageSize, rows[0], kPageSize, rows[1]),
+      clock.Ms());
   for (unsigned long long i = 0; i < rows[0]; ++i) {
     const AlarmEvent& event = pages[0][i];
     report_.Detail(Format("#%-6d %s  %-13s %s", event.id, TimeText(event.time).c_str(),
@@ -409,7 +419,8 @@ bool Recorder::QueryLatestOfChannel() {
 bool Recorder::QueryTimeRange() {
   Stopwatch clock;
   const int32_t from = now_ - kDay;
-  DbFilters range(1, Term(schema_.time, DB_FILTER_OP_BETWEEN, IntValue(from), IntValue(now_)));
+  DbFilters range(
+      1, Term(schema_.time, DB_FILTER_OP_BETWEEN, IntValue(from), IntValue(now_)));
   long long count = 0;
   if (!Count(range, &count)) return false;
   std::vector<AlarmEvent> rows(static_cast<size_t>(count) + 1);
@@ -422,7 +433,8 @@ bool Recorder::QueryTimeRange() {
     return Fail(Format("get_item read %llu rows, get_item_cnt said %lld", read, count));
   }
   for (unsigned long long i = 0; i < read; ++i) {
-    if (rows[i].time < from || rows[i].time > now_) return Fail("a row outside the range");
+    if (rows[i].time < from || rows[i].time > now_)
+      return Fail("a row outside the range");
   }
   report_.Step(label_,
                Format("last 24 hours (Time between %s and %s): %lld events counted, %llu "
@@ -439,12 +451,13 @@ bool Recorder::QueryTypes() {
   DbFilters intrusions(1, Equal(schema_.type, kIntrusion));
   DbFilters tampers(1, Equal(schema_.type, kTamper));
   long long both = 0, intrusion = 0, tamper = 0;
-  if (!Count(in_list, &both) || !Count(intrusions, &intrusion) || !Count(tampers, &tamper)) {
+  if (!Count(in_list, &both) || !Count(intrusions, &intrusion) ||
+      !Count(tampers, &tamper)) {
     return false;
   }
   if (both != intrusion + tamper) {
-    return Fail(Format("Type IN (3, 5) counts %lld, the two types alone %lld + %lld", both,
-                       intrusion, tamper));
+    return Fail(Format("Type IN (3, 5) counts %lld, the two types alone %lld + %lld",
+                       both, intrusion, tamper));
   }
   report_.Step(label_,
                Format("Type in (intrusion, tamper): %lld events (%lld + %lld)", both,
@@ -496,7 +509,8 @@ bool Recorder::ReadTexts() {
                    Term(schema_.time, DB_FILTER_OP_ORDER_BY_DESC), Limit(kPageSize));
   std::vector<std::string> texts;
   unsigned long long rows = 0;
-  if (events_->get_item_vz(text_column, latest, rows, texts, &schema_.text_row_meta) != 0) {
+  if (events_->get_item_vz(text_column, latest, rows, texts, &schema_.text_row_meta) !=
+      0) {
     return Fail("get_item_vz failed");
   }
   DbFilters all_columns;
@@ -619,11 +633,12 @@ bool Recorder::ApplyRetention() {
   if (!CountAll(&after) || !Count(old, &stale)) return false;
   if (stale != 0) return Fail(Format("%lld events older than the window remain", stale));
   figures_.events_removed = before - after;
-  report_.Step(label_,
-               Format("removed %lld events (older than %d days, or acknowledged and older "
-                      "than %d days; rmv_item with 2 lists); %lld left",
-                      figures_.events_removed, kRetentionDays, kAckedRetentionDays, after),
-               clock.Ms());
+  report_.Step(
+      label_,
+      Format("removed %lld events (older than %d days, or acknowledged and older "
+             "than %d days; rmv_item with 2 lists); %lld left",
+             figures_.events_removed, kRetentionDays, kAckedRetentionDays, after),
+      clock.Ms());
   return true;
 }
 
@@ -635,14 +650,17 @@ bool Recorder::MigrateSchema() {
   } else {
     Member* severity = schema_.pending_severity();
     TableChange change(1, severity);
-    if (db_.updateTable(kEventTable, change, "1", 1) != 0) return Fail("updateTable failed");
+    if (db_.updateTable(kEventTable, change, "1", 1) != 0)
+      return Fail("updateTable failed");
     if (!schema_.AdoptSeverity()) return Fail("the Severity member was refused");
     const int32_t high[] = {kIntrusion, kTamper};
     const int32_t medium[] = {kLineCrossing, kVideoLoss};
-    if (!SetSeverityForTypes(3, high, 2) || !SetSeverityForTypes(2, medium, 2)) return false;
+    if (!SetSeverityForTypes(3, high, 2) || !SetSeverityForTypes(2, medium, 2))
+      return false;
     migrated_this_run_ = true;
     figures_.schema_version = 2;
-    text = "version 1 -> 2: column Severity added (updateTable, default 1), set from Type";
+    text =
+        "version 1 -> 2: column Severity added (updateTable, default 1), set from Type";
   }
   std::string read_back;
   if (!ReadSeverityBack(&read_back)) return false;
@@ -667,7 +685,8 @@ bool Recorder::SaveRunInfo() {
   ConfigEntry check;
   bool found = false;
   if (!ReadConfig("run_count", &check, &found)) return false;
-  if (!found || std::atoll(check.value) != run) return Fail("run_count did not read back");
+  if (!found || std::atoll(check.value) != run)
+    return Fail("run_count did not read back");
   DbFilters all_rows;
   long long entries = config_->get_item_cnt(all_rows);
   if (entries < 0) return Fail("get_item_cnt of the configuration failed");
@@ -700,15 +719,18 @@ bool Recorder::RotateKey() {
     return Fail("the new key does not open the database");
   }
   events_.reset(db_.createTable(&schema_.event_meta, 1));
-  if (!events_ || !CountAll(&count)) return Fail("cannot read the events with the new key");
+  if (!events_ || !CountAll(&count))
+    return Fail("cannot read the events with the new key");
   if (count != figures_.events_stored) {
-    return Fail(Format("%lld events after re-key, %lld before", count, figures_.events_stored));
+    return Fail(
+        Format("%lld events after re-key, %lld before", count, figures_.events_stored));
   }
-  report_.Step(label_,
-               Format("generation %u -> %u (reEncryptDB), marker updated; reopened with the "
-                      "new key: %lld events",
-                      previous, next, count),
-               clock.Ms());
+  report_.Step(
+      label_,
+      Format("generation %u -> %u (reEncryptDB), marker updated; reopened with the "
+             "new key: %lld events",
+             previous, next, count),
+      clock.Ms());
   return true;
 }
 
@@ -722,11 +744,12 @@ bool Recorder::Vacuum() {
                Format("db_vacuum: %s -> %s", SizeText(before).c_str(),
                       SizeText(figures_.file_bytes).c_str()),
                clock.Ms());
-  report_.Detail(table_result == 0
-                     ? std::string("table_vacuum: 0")
-                     : Format("table_vacuum: %lld, as expected: this SQLite reads the name "
-                              "after VACUUM as a schema name (library errors above)",
-                              table_result));
+  report_.Detail(
+      table_result == 0
+          ? std::string("table_vacuum: 0")
+          : Format("table_vacuum: %lld, as expected: this SQLite reads the name "
+                   "after VACUUM as a schema name (library errors above)",
+                   table_result));
   return true;
 }
 
@@ -738,7 +761,8 @@ bool Recorder::CloseDatabase() {
   if (result != 0) return Fail(Format("CloseDB returned %lld", result));
   unsigned int status = db_.GetDBStatus();
   db_.UnInit();
-  report_.Step(label_, Format("CloseDB, status %u (0 = closed), UnInit", status), clock.Ms());
+  report_.Step(label_, Format("CloseDB, status %u (0 = closed), UnInit", status),
+               clock.Ms());
   return true;
 }
 
@@ -751,7 +775,8 @@ void Recorder::PrintSummary() {
   report_.Plain(Format("    events stored        %lld", figures_.events_stored));
   std::string channels;
   for (int32_t i = 0; i < kChannelCount; ++i) {
-    channels += Format("%sch%d %lld", i == 0 ? "" : "  ", i + 1, figures_.channel_counts[i]);
+    channels +=
+        Format("%sch%d %lld", i == 0 ? "" : "  ", i + 1, figures_.channel_counts[i]);
   }
   report_.Plain("    per channel          " + channels);
   report_.Plain(Format("    acknowledged         %lld", figures_.acknowledged));
@@ -763,13 +788,19 @@ void Recorder::PrintSummary() {
                        SizeText(figures_.file_bytes).c_str()));
   report_.Plain(Format("    total time           %.1f ms", run_clock_.Ms()));
   report_.Plain("");
-  report_.Plain("the library's warnings and errors go to stderr; a normal run shows these:");
-  report_.Plain("    \"open ...events.db-journal in read only failed on 2\"  at each open: the");
-  report_.Plain("        open sets the mode of an existing journal file and there is none");
-  report_.Plain("    \"DB Connection has not exist\"  when UnInit frees a closed connection:");
+  report_.Plain(
+      "the library's warnings and errors go to stderr; a normal run shows these:");
+  report_.Plain(
+      "    \"open ...events.db-journal in read only failed on 2\"  at each open: the");
+  report_.Plain(
+      "        open sets the mode of an existing journal file and there is none");
+  report_.Plain(
+      "    \"DB Connection has not exist\"  when UnInit frees a closed connection:");
   report_.Plain("        the connection's destructor closes once more");
-  report_.Plain("    \"CloseConnection failed!error:-202\" (twice)  UnInit after CloseDB");
-  report_.Plain("    \"VACUUM t_alarm_event; failed ... unknown database\"  table_vacuum");
+  report_.Plain(
+      "    \"CloseConnection failed!error:-202\" (twice)  UnInit after CloseDB");
+  report_.Plain(
+      "    \"VACUUM t_alarm_event; failed ... unknown database\"  table_vacuum");
 }
 
 // ---- Helpers ----
@@ -781,7 +812,8 @@ bool Recorder::Fail(const std::string& reason) {
 
 long long Recorder::OpenQuietly(unsigned int generation) {
   std::string key = KeyForGeneration(generation);
-  long long result = db_.Init(0, directory_, kDatabaseFile, kJournalFile, &key[0], kKeyLength);
+  long long result =
+      db_.Init(0, directory_, kDatabaseFile, kJournalFile, &key[0], kKeyLength);
   std::fill(key.begin(), key.end(), '\0');  // Init copied it
   return result != 0 ? result : db_.OpenDB();
 }
@@ -795,9 +827,8 @@ bool Recorder::OpenWithGeneration(unsigned int generation) {
 // sqlite3_key only records the key: the first read shows whether it fits.
 bool Recorder::KeyOpensDatabase() {
   DB_EXEC_RESULT result = {0, 0, nullptr};
-  long long code =
-      db_.m_pDBConn->ExecuteSQL("select count(*) from sqlite_master;", &result,
-                                DB_EXEC_SQL_SYNC);
+  long long code = db_.m_pDBConn->ExecuteSQL("select count(*) from sqlite_master;",
+                                             &result, DB_EXEC_SQL_SYNC);
   db_.m_pDBConn->FreeExecuteResult(&result);
   return code == 0;
 }
@@ -827,7 +858,8 @@ bool Recorder::InsertBatch(std::vector<AlarmEvent>& batch, size_t count) {
     // that the rows of the failed batch do not linger.
     db_.m_pDBConn->ExecuteSQL("rollback;", nullptr, DB_EXEC_SQL_SYNC);
   }
-  return Fail(Format("add_item of a batch of %zu events failed (batch rolled back)", count));
+  return Fail(
+      Format("add_item of a batch of %zu events failed (batch rolled back)", count));
 }
 
 bool Recorder::ReadConfig(const char* name, ConfigEntry* entry, bool* found) {
@@ -880,14 +912,15 @@ bool Recorder::SetSeverityForTypes(int32_t severity, const int32_t* types, int c
   DbFilters set(1, Equal(schema_.severity, severity));
   DbFilters where(1, Term(schema_.type, DB_FILTER_OP_IN, const_cast<int32_t*>(types),
                           IntValue(count)));
-  if (events_->update_item(set, where) != 0) return Fail("update_item of Severity failed");
+  if (events_->update_item(set, where) != 0)
+    return Fail("update_item of Severity failed");
   return true;
 }
 
 bool Recorder::ReadSeverityBack(std::string* read_back) {
   const int32_t high[] = {kIntrusion, kTamper};
-  DbFilters high_types(1, Term(schema_.type, DB_FILTER_OP_IN, const_cast<int32_t*>(high),
-                               IntValue(2)));
+  DbFilters high_types(
+      1, Term(schema_.type, DB_FILTER_OP_IN, const_cast<int32_t*>(high), IntValue(2)));
   DbFilters high_severity(1, Equal(schema_.severity, 3));
   long long expected = 0, counted = 0;
   if (!Count(high_types, &expected) || !Count(high_severity, &counted)) return false;
@@ -900,7 +933,8 @@ bool Recorder::ReadSeverityBack(std::string* read_back) {
   DbFilters all_columns;
   DbFilters newest(2, Term(schema_.time, DB_FILTER_OP_ORDER_BY_DESC), Limit(3));
   unsigned long long read = 3;
-  if (events_->get_item_z(all_columns, newest, read, rows, &schema_.severity_row_meta) != 0) {
+  if (events_->get_item_z(all_columns, newest, read, rows, &schema_.severity_row_meta) !=
+      0) {
     return Fail("get_item_z of the Severity column failed");
   }
   std::string text;
@@ -911,8 +945,8 @@ bool Recorder::ReadSeverityBack(std::string* read_back) {
     text += Format("%s#%d %s: %d", i == 0 ? "" : ", ", rows[i].id,
                    EventTypeName(rows[i].type), rows[i].severity);
   }
-  *read_back = Format("read back (get_item_z): %lld rows of severity 3; newest %s", counted,
-                      text.c_str());
+  *read_back = Format("read back (get_item_z): %lld rows of severity 3; newest %s",
+                      counted, text.c_str());
   figures_.high_severity = counted;
   return true;
 }

@@ -51,13 +51,15 @@ RecorderSchema::RecorderSchema()
   event_meta.Init(kEventTable, sizeof(AlarmEvent));
   id = AddColumn(event_meta, "iId_pa", offsetof(AlarmEvent, id), &int32_type);
   time = AddColumn(event_meta, "iTime_n", offsetof(AlarmEvent, time), &int32_type);
-  channel = AddColumn(event_meta, "iChannel_n", offsetof(AlarmEvent, channel), &int32_type);
+  channel =
+      AddColumn(event_meta, "iChannel_n", offsetof(AlarmEvent, channel), &int32_type);
   type = AddColumn(event_meta, "iType_n", offsetof(AlarmEvent, type), &int32_type);
   acked = AddColumn(event_meta, "iAcked_d", offsetof(AlarmEvent, acked), &int32_type);
   text = AddColumn(event_meta, "cText", offsetof(AlarmEvent, text), &text_type);
   thumb = AddColumn(event_meta, "bThumb", offsetof(AlarmEvent, thumb), &thumb_type);
   pending_severity_ = std::make_unique<Member>(
-      "iSeverity", static_cast<unsigned int>(offsetof(AlarmEvent, severity)), &int32_type);
+      "iSeverity", static_cast<unsigned int>(offsetof(AlarmEvent, severity)),
+      &int32_type);
 
   config_meta.Init(kConfigTable, sizeof(ConfigEntry));
   config_name =
