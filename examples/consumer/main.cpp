@@ -49,13 +49,11 @@ int Run(const std::string& folder) {
 
   Db db;
   char no_key[1] = "";
-  long long result = db.Init(0, folder, "cameras.db", "cameras.db-journal",
-                             no_key, 0);
+  long long result = db.Init(0, folder, "cameras.db", "cameras.db-journal", no_key, 0);
   if (result != 0) return Fail("Db::Init", result);
   result = db.OpenDB();
   if (result != 0) return Fail("Db::OpenDB", result);
-  printf("consumer: opened %scameras.db, status %u\n", folder.c_str(),
-         db.GetDBStatus());
+  printf("consumer: opened %scameras.db, status %u\n", folder.c_str(), db.GetDBStatus());
 
   Table* table = db.createTable(record, 1);
   if (table == nullptr) return Fail("Db::createTable", -1);
@@ -68,8 +66,8 @@ int Run(const std::string& folder) {
   if (count != 2) return Fail("Table::get_item_cnt", count);
   printf("consumer: inserted 2 records, table counts %lld\n", count);
 
-  DbFilters id_column(1u, new DbFilter(record->members[0], DB_FILTER_OP_EQ,
-                                       nullptr, nullptr));
+  DbFilters id_column(
+      1u, new DbFilter(record->members[0], DB_FILTER_OP_EQ, nullptr, nullptr));
   std::string largest;
   result = table->get_item_max(id_column, no_filter, largest);
   if (result != 9) return Fail("Table::get_item_max", result);
@@ -78,8 +76,8 @@ int Run(const std::string& folder) {
   delete table;
   db.UnInit();  // closes the database first
   if (db.m_pDBConn != nullptr) return Fail("Db::UnInit", -1);
-  printf("consumer: closed; sizeof(long) %zu, sizeof(void*) %zu\n",
-         sizeof(long), sizeof(void*));
+  printf("consumer: closed; sizeof(long) %zu, sizeof(void*) %zu\n", sizeof(long),
+         sizeof(void*));
   return 0;
 }
 

@@ -81,8 +81,7 @@ void ReferenceConnectionBase(CDBConn* conn, DB_REPAIR_ITEM& item) {
 
 const std::type_info& ConnectionBaseType() { return typeid(CDBConn); }
 
-void ReferenceSqliteConnection(DB_EXEC_RESULT* result,
-                               SQLITE_DB_EXEC_QUEUE_ITEM& item) {
+void ReferenceSqliteConnection(DB_EXEC_RESULT* result, SQLITE_DB_EXEC_QUEUE_ITEM& item) {
   CSqliteDBConn* conn = new CSqliteDBConn();
   conn->CSqliteDBConn::OpenConnection();
   conn->CSqliteDBConn::CloseConnection();

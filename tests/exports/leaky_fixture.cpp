@@ -11,14 +11,10 @@
 namespace ipc_db::detail {
 
 // Exported by mistake: internal helpers must not carry IPC_DB_API.
-IPC_DB_API std::string QuoteForSql(const std::string& text) {
-  return "'" + text + "'";
-}
+IPC_DB_API std::string QuoteForSql(const std::string& text) { return "'" + text + "'"; }
 
 // Hidden, as an internal helper should be.
-int CountColumns(const std::string& text) {
-  return static_cast<int>(text.size());
-}
+int CountColumns(const std::string& text) { return static_cast<int>(text.size()); }
 
 }  // namespace ipc_db::detail
 
