@@ -1,0 +1,113 @@
+// The lifecycle of a Db: creating and configuring its one connection (Init),
+// opening and closing it, tearing it down (UnInit), reporting its state, and
+// forwarding re-keying and the journal mode. Db keeps no state besides the
+// owned connection pointer and takes no lock of its own.
+#include "Db.h"
+
+#include <new>
+
+#include "Log.h"
+#include "SQLiteDBConn.h"
+
+namespace {
+
+// GetDBStatus when there is no connection object.
+constexpr unsigned int kDbStatusNoConnection = 2;
+// reEncryptDB when there is no connection object.
+constexpr long long kReEncryptNoConnection = 2;
+
+// Logs the missing-connection message shared by the lifecycle calls.
+void LogNoConnection() { DB_LOG(ipc_db::detail::kLogError, "m_pDBConn is not exit\n"); }
+
+}  // namespace
+
+long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPath,
+                   const std::string& strDBFile, const std::string& strDBJournal,
+                   char* szEncryptKey, unsigned int uiKeyLen) {
+  if (szEncryptKey == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+    return -1;
+  }
+  // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
+  if (static_cast<unsigned int>(ullDBType) != 0) return -1;
+
+  // An earlier connection is not looked at: a second Init leaks it.
+  CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
+  m_pDBConn = conn;
+  if (conn == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "New DBConn failed\n");
+    return -1;
+  }
+  conn->m_strInstallPath = strInstallPath;
+  conn->SetDBFile(strDBFile);
+  conn->SetDBJournal(strDBJournal);
+  conn->SetEncryptKey(szEncryptKey, uiKeyLen);
+  return 0;
+}
+
+long long Db::OpenDB() {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return -1;
+  }
+  const long long result = m_pDBConn->OpenConnection();
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "OpenConnection failed!error:%lld\n", result);
+  }
+  return result;
+}
+
+long long Db::CloseDB() {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return -1;
+  }
+  const long long result = m_pDBConn->CloseConnection();
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "CloseConnection failed!error:%lld\n", result);
+  }
+  return result;
+}
+
+long long Db::UnInit() {
+  if (m_pDBConn == nullptr) return 0;
+  const long long closed = CloseDB();
+  if (closed != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "CloseConnection failed!error:%lld\n", closed);
+  }
+  delete m_pDBConn;
+  m_pDBConn = nullptr;
+  return 0;
+}
+
+unsigned int Db::GetDBStatus() {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return kDbStatusNoConnection;
+  }
+  return static_cast<unsigned int>(m_pDBConn->m_enDBStatus);
+}
+
+long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return kReEncryptNoConnection;
+  }
+  if (szEncryptKey == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+    return -1;
+  }
+  return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
+}
+
+long long Db::SetJournalAttr(DB_JOURNAL_TYPE type) {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return -1;
+  }
+  const long long result = m_pDBConn->SetDBJournalAttr(type);
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "SetDBJournalAttr failed\n");
+  }
+  return result;
+}

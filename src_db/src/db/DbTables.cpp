@@ -1,0 +1,174 @@
+// Table-level operations of Db: creating a table from a Meta (or only
+// preparing its members when the table already exists), dropping it, reading
+// back its stored CREATE text, asking whether it exists, and adding columns
+// to it with ALTER TABLE. Names and values go into the SQL text as they
+// stand, without quoting or escaping (apart from quoted default values).
+#include <new>
+#include <string>
+#include <vector>
+
+#include "DBConn.h"
+#include "Db.h"
+#include "Log.h"
+#include "Meta.h"
+#include "Table.h"
+#include "TableChange.h"
+
+namespace {
+
+// getTableSql and getTableStatus when there is no connection object.
+constexpr long long kNoConnection = -201;
+
+// The SQL column name of `member` under the naming mode `analyze_name`.
+std::string ColumnName(Db* db, const Member* member, int analyze_name) {
+  return analyze_name == 0 ? member->name : db->getName(member->name);
+}
+
+// The attribute words for the key, autoincrement and not-null flags, in
+// their fixed order.
+std::string KeyAndNullWords(const Member* member) {
+  std::string words;
+  if (member->primary_key != 0) words += " PRIMARY KEY";
+  if (member->auto_increment != 0) words += " autoincrement";
+  if (member->not_null != 0) words += " NOT NULL";
+  return words;
+}
+
+// The text after " DEFAULT " for a column added by updateTable: a requested
+// NULL becomes a zero default, an INTEGER column takes the value unquoted,
+// any other column quoted.
+std::string DefaultText(const Member* member, const std::string& value) {
+  if (value == "NULL") return "0 ";
+  if (member->sql_type == "INTEGER") return value;
+  return "'" + value + "'";
+}
+
+// True when the result of a one-column query holds a first value.
+bool HasFirstValue(const DB_EXEC_RESULT& result) {
+  const long long entries =
+      (static_cast<long long>(result.iRowCount) + 1) * result.iColumnCount;
+  return result.ppszResult != nullptr && entries >= 2 && result.ppszResult[1] != nullptr;
+}
+
+}  // namespace
+
+Table* Db::createTable(Meta* meta, int analyze_name) {
+  if (meta == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "Db::createTable meta_data is null.\n");
+    return nullptr;
+  }
+  if (meta->members.empty()) {
+    DB_LOG(ipc_db::detail::kLogError, "members is empty!\n");
+    return nullptr;
+  }
+  Table* table = new (std::nothrow) Table(this, meta, analyze_name);
+  if (table == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "Db::createTable alloc table fail.\n");
+    return nullptr;
+  }
+
+  if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) == 1) {
+    // The table is there already: only prepare the members, send no SQL.
+    DB_LOG(ipc_db::detail::kLogInfo, "table %s has exist!\n", meta->type_name.c_str());
+    if (meta->members.empty()) {
+      DB_LOG(ipc_db::detail::kLogError, "table members is empty!\n");
+      delete table;
+      return nullptr;
+    }
+    for (Member* member : meta->members) preProcMember(member);
+    return table;
+  }
+
+  std::string sql = "create table " + meta->type_name + "(";
+  for (size_t i = 0; i < meta->members.size(); ++i) {
+    Member* member = meta->members[i];
+    preProcMember(member);
+    sql += ColumnName(this, member, analyze_name) + " " + member->sql_type;
+    DB_LOG(ipc_db::detail::kLogDebug, "member name is %s   type is %s\n",
+           member->name.c_str(), member->sql_type.c_str());
+    sql += KeyAndNullWords(member);
+    if (member->default_zero != 0) sql += " DEFAULT 0";
+    if (i + 1 < meta->members.size()) sql += ",";
+  }
+  sql += ");";
+
+  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for createTable failed!error:%lld\n",
+           result);
+    delete table;
+    return nullptr;
+  }
+  return table;
+}
+
+long long Db::destroyTable(Meta* meta) {
+  if (meta == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "Db::destroyTable meta_data is null.\n");
+    return -1;
+  }
+  if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) != 1) {
+    DB_LOG(ipc_db::detail::kLogError, "table %s has destroy!\n", meta->type_name.c_str());
+    return 0;
+  }
+  const std::string sql = "drop table " + meta->type_name + ";";
+  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for destroyTable failed!error:%lld\n",
+           result);
+    return -1;
+  }
+  return 0;
+}
+
+long long Db::getTableSql(std::string& tableName, std::string& sql) {
+  if (m_pDBConn == nullptr) return kNoConnection;
+  const std::string query = "select sql from sqlite_master where tbl_name = '" +
+                            tableName + "' and type = 'table'";
+  DB_EXEC_RESULT result = {0, 0, nullptr};
+  const long long code = m_pDBConn->ExecuteSQL(query.c_str(), &result, DB_EXEC_SQL_SYNC);
+  if (code != 0) {
+    m_pDBConn->FreeExecuteResult(&result);
+    DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
+    return code;
+  }
+  // A query without rows holds no value after the header (and, from SQLite,
+  // no header either): that is a missing table.
+  if (!HasFirstValue(result)) {
+    m_pDBConn->FreeExecuteResult(&result);
+    DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
+    return -1;
+  }
+  if (result.iRowCount > 0) sql = result.ppszResult[result.iColumnCount];
+  m_pDBConn->FreeExecuteResult(&result);
+  return 0;
+}
+
+int Db::getTableStatus(std::string& tableName) {
+  if (m_pDBConn == nullptr) return static_cast<int>(kNoConnection);
+  return m_pDBConn->WhetherTableExist(tableName.c_str()) == 1 ? 1 : 0;
+}
+
+long long Db::updateTable(std::string tableName, TableChange& change,
+                          std::string defaultValue, int analyze_name) {
+  std::string sql = "ALTER TABLE " + tableName + " ";
+  const std::vector<Member*>& members = change.members;
+  for (size_t i = 0; i < members.size(); ++i) {
+    Member* member = members[i];
+    preProcMember(member);
+    sql += "ADD COLUMN " + ColumnName(this, member, analyze_name) + " " +
+           member->sql_type + " DEFAULT " + DefaultText(member, defaultValue);
+    // The default-zero flag is not used here: the default is always written.
+    sql += KeyAndNullWords(member);
+    if (i + 1 < members.size()) sql += ",";
+  }
+  sql += ";";
+
+  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for updateTable failed!error:%lld\n",
+           result);
+    return -1;
+  }
+  return 0;
+}
