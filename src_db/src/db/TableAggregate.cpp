@@ -1,0 +1,120 @@
+// Table::get_item_cnt, get_item_max and get_item_min: one-value queries run
+// through the connection's ExecuteSQL, whose answer comes back as text in
+// the first value cell of the result table. Numbers are converted with
+// std::stol, so a value beyond the range of `long` throws std::out_of_range
+// on targets where `long` has 32 bits.
+#include <string>
+
+#include "DBConn.h"
+#include "db/TableSql.h"
+
+using ipc_db::detail::AppendFilterClause;
+using ipc_db::detail::ColumnName;
+using ipc_db::detail::kLogDebug;
+using ipc_db::detail::kLogError;
+
+namespace {
+
+// A zeroed result record that is released whichever way the scope is left,
+// also when a conversion throws.
+class ScopedResult {
+ public:
+  explicit ScopedResult(CDBConn* conn) : conn_(conn), result_{0, 0, nullptr} {}
+  ~ScopedResult() { conn_->FreeExecuteResult(&result_); }
+  ScopedResult(const ScopedResult&) = delete;
+  ScopedResult& operator=(const ScopedResult&) = delete;
+
+  DB_EXEC_RESULT* get() { return &result_; }
+  // The first value cell (after the single heading), or null.
+  const char* FirstValue() const {
+    return result_.ppszResult == nullptr ? nullptr : result_.ppszResult[1];
+  }
+
+ private:
+  CDBConn* conn_;
+  DB_EXEC_RESULT result_;
+};
+
+// The texts in which max and min differ.
+struct Extremum {
+  const char* function;  // "select max(" or "select min("
+  bool isMax;
+};
+
+void LogOneFieldOnly(bool isMax) {
+  if (isMax) {
+    DB_LOG(kLogError, "The get_item_max only supports one filed.");
+  } else {
+    DB_LOG(kLogError, "The get_item_min only supports one filed.");
+  }
+}
+
+void LogExtremumFailed(bool isMax) {
+  if (isMax) {
+    DB_LOG(kLogError, "ExecuteSQL for get_item_max failed !");
+  } else {
+    DB_LOG(kLogError, "ExecuteSQL for get_item_min failed !");
+  }
+}
+
+long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
+                      const DbFilters& filters, std::string& out) {
+  CDBConn* conn = table.parent->m_pDBConn;
+  if (conn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.");
+    return -1;
+  }
+  if (col.filters.size() != 1) {
+    LogOneFieldOnly(kind.isMax);
+    return -1;
+  }
+  const Member* member = col.filters[0]->member;
+  std::string sql = kind.function + ColumnName(table, member) + ")" + " from " +
+                    table.meta_data->type_name;
+  if (!AppendFilterClause(table, filters, &sql)) return -1;
+  sql.append(";");
+  ScopedResult result(conn);
+  if (conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC) != 0) {
+    LogExtremumFailed(kind.isMax);
+    return -1;
+  }
+  const char* value = result.FirstValue();
+  if (value == nullptr) {
+    out.clear();
+    return 0;
+  }
+  out = value;
+  return member->sql_type == "INTEGER" ? std::stol(out, nullptr, 10) : 0;
+}
+
+}  // namespace
+
+long long Table::get_item_cnt(DbFilters& filters) {
+  CDBConn* conn = parent->m_pDBConn;
+  if (conn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.");
+    return -1;
+  }
+  std::string sql = "select count(*) from " + meta_data->type_name;
+  if (!AppendFilterClause(*this, filters, &sql)) return -1;
+  sql.append(";");
+  ScopedResult result(conn);
+  long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
+  if (code != 0) {
+    DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
+    return -1;
+  }
+  const char* value = result.FirstValue();
+  return value == nullptr ? 0 : std::stol(value, nullptr, 10);
+}
+
+long long Table::get_item_max(DbFilters& col, const DbFilters& filters,
+                              std::string& out) {
+  return GetExtremum(*this, Extremum{"select max(", true}, col, filters, out);
+}
+
+long long Table::get_item_min(DbFilters& col, const DbFilters& filters,
+                              std::string& out) {
+  return GetExtremum(*this, Extremum{"select min(", false}, col, filters, out);
+}

@@ -1,0 +1,140 @@
+// Table::add_item: writes records from the caller's own structures. Each
+// record becomes one insert statement whose values are read at the members'
+// offsets: integers as signed 32-bit decimals (an unset auto-increment key as
+// NULL), text quoted as it stands, and a blob bound as the statement's one
+// parameter. Several records run inside one transaction; a failure returns
+// at once and leaves that transaction open on the handle.
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "DBConn.h"
+#include "db/FieldText.h"
+#include "db/TableSql.h"
+
+using ipc_db::detail::AppendFieldChars;
+using ipc_db::detail::BoundBlob;
+using ipc_db::detail::ColumnName;
+using ipc_db::detail::kLogError;
+using ipc_db::detail::RunBoundStatement;
+using ipc_db::detail::RunTransactionStatement;
+using ipc_db::detail::SelectedMembers;
+using ipc_db::detail::TableHandle;
+
+namespace {
+
+// Same name (same length, same bytes) and same field width.
+bool SameColumn(const Member* a, const Member* b) {
+  return a->name == b->name && a->type_meta->type_size == b->type_meta->type_size;
+}
+
+bool MatchesSomeMember(const Meta* meta, const Member* member) {
+  for (const Member* candidate : meta->members) {
+    if (SameColumn(candidate, member)) return true;
+  }
+  return false;
+}
+
+bool FiltersMatchMeta(const Meta* meta, const DbFilters& filters) {
+  for (const DbFilter* term : filters.filters) {
+    if (!MatchesSomeMember(meta, term->member)) return false;
+  }
+  return true;
+}
+
+bool CheckArguments(const Table& table, const void* obj, unsigned long long itemcnt,
+                    const DbFilters& filters) {
+  if (table.parent->m_pDBConn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+    return false;
+  }
+  if (itemcnt == 0) {
+    DB_LOG(kLogError, "itemcnt values is wrong.\n");
+    return false;
+  }
+  if (obj == nullptr) {
+    DB_LOG(kLogError, "obj is null\n");
+    return false;
+  }
+  if (table.meta_data->members.empty()) {
+    DB_LOG(kLogError, "members is null\n");
+    return false;
+  }
+  if (!filters.filters.empty() && !FiltersMatchMeta(table.meta_data, filters)) {
+    DB_LOG(kLogError, "filter doesn't match meta_data");
+    return false;
+  }
+  return true;
+}
+
+// "insert into <table>(<col>,<col>...) values (" — the same for every record.
+std::string InsertPrefix(const Table& table, const std::vector<Member*>& columns) {
+  std::string sql = "insert into " + table.meta_data->type_name + "(";
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i > 0) sql.push_back(',');
+    sql.append(ColumnName(table, columns[i]));
+  }
+  sql.append(") values (");
+  return sql;
+}
+
+void AppendIntegerValue(std::string* sql, const Member* member, const char* field) {
+  int32_t value;
+  std::memcpy(&value, field, sizeof(value));
+  if (value == 0 && member->auto_increment == 1 && member->primary_key == 1) {
+    sql->append("NULL");
+  } else {
+    sql->append(std::to_string(value));
+  }
+}
+
+void AppendValue(std::string* sql, const Member* member, const char* field,
+                 BoundBlob* blob) {
+  size_t width = member->type_meta->type_size;
+  if (member->sql_type == "BLOB") {
+    sql->push_back('?');
+    blob->data = field;
+    blob->size = static_cast<int>(width);
+    blob->present = true;
+  } else if (member->sql_type == "INTEGER") {
+    AppendIntegerValue(sql, member, field);
+  } else {
+    sql->push_back('\'');
+    AppendFieldChars(sql, field, width);
+    sql->push_back('\'');
+  }
+}
+
+// One insert statement for the record at `record`.
+std::string InsertStatement(const std::string& prefix, const std::vector<Member*>& columns,
+                            const char* record, BoundBlob* blob) {
+  std::string sql = prefix;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i > 0) sql.push_back(',');
+    AppendValue(&sql, columns[i], record + columns[i]->offset, blob);
+  }
+  sql.append(");");
+  return sql;
+}
+
+}  // namespace
+
+long long Table::add_item(void* obj, unsigned long long itemcnt,
+                          const DbFilters& filters) {
+  if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
+  bool batch = itemcnt > 1;
+  if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
+  std::vector<Member*> columns = SelectedMembers(*this, filters);
+  std::string prefix = InsertPrefix(*this, columns);
+  sqlite3* db = TableHandle(*this);
+  const char* records = static_cast<const char*>(obj);
+  for (unsigned long long i = 0; i < itemcnt; ++i) {
+    BoundBlob blob;
+    const char* record = records + i * meta_data->type_size;
+    std::string sql = InsertStatement(prefix, columns, record, &blob);
+    if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
+  }
+  if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
+  return 0;
+}

@@ -1,0 +1,68 @@
+// Table::get_item: reads rows straight into the caller's records. Whole
+// records are written at the members' offsets with the table's stride; a
+// column selection is packed at the start of the caller's buffer, each row
+// overwriting the previous one. Every value is copied from SQLite's own
+// column buffer into the caller's memory with one bounded copy, without
+// intermediate strings.
+#include <string>
+#include <vector>
+
+#include "DBConn.h"
+#include "db/TableSql.h"
+
+using ipc_db::detail::ColumnKind;
+using ipc_db::detail::CopyColumn;
+using ipc_db::detail::KindOf;
+using ipc_db::detail::kLogError;
+using ipc_db::detail::RunSelect;
+using ipc_db::detail::SelectedMembers;
+
+namespace {
+
+// Where and how one selected column lands in a row's destination.
+struct ColumnTarget {
+  ColumnKind kind;
+  size_t width;
+  size_t offset;
+};
+
+// Whole records: each column at its member's offset. A selection: the
+// columns packed one after another from offset 0.
+std::vector<ColumnTarget> PlanTargets(const std::vector<Member*>& members, bool packed) {
+  std::vector<ColumnTarget> targets;
+  targets.reserve(members.size());
+  size_t packedOffset = 0;
+  for (const Member* member : members) {
+    size_t width = member->type_meta->type_size;
+    targets.push_back({KindOf(member), width, packed ? packedOffset : member->offset});
+    packedOffset += width;
+  }
+  return targets;
+}
+
+}  // namespace
+
+long long Table::get_item(DbFilters& cols, DbFilters& filters,
+                          unsigned long long& itemcnt, void* obj) {
+  if (parent->m_pDBConn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+    return -1;
+  }
+  if (obj == nullptr) {
+    DB_LOG(kLogError, "vecOutRows is null.\n");
+    return -1;
+  }
+  bool packed = !cols.filters.empty();
+  std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
+  char* records = static_cast<char*>(obj);
+  size_t stride = packed ? 0 : meta_data->type_size;
+  return RunSelect(*this, cols, filters, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long row) {
+                     char* base = records + row * stride;
+                     for (size_t i = 0; i < targets.size(); ++i) {
+                       const ColumnTarget& target = targets[i];
+                       CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
+                                  base + target.offset);
+                     }
+                   });
+}

@@ -1,0 +1,218 @@
+// The reads that deliver rows in a layout the caller describes apart from
+// the table: get_item_z into records of another Meta, get_item_lz and
+// get_item_vz as the text at the start of a scratch record per row,
+// get_item_sz as the text of one member per row collected into a set.
+// Layout members are matched to the selected columns by name; the statement,
+// the row loop and the value copy are those of get_item.
+#include <cstring>
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "DBConn.h"
+#include "bounded_mem.h"
+#include "db/TableSql.h"
+
+using ipc_db::detail::CopyColumn;
+using ipc_db::detail::KindOf;
+using ipc_db::detail::kLogError;
+using ipc_db::detail::RunSelect;
+using ipc_db::detail::SelectedMembers;
+
+namespace {
+
+bool SameColumn(const Member* a, const Member* b) {
+  return a->name == b->name && a->type_meta->type_size == b->type_meta->type_size;
+}
+
+// True when every member of `layout` matches, by name and width, one of
+// `columns`.
+bool LayoutMatches(const std::vector<Member*>& layout,
+                   const std::vector<Member*>& columns) {
+  for (const Member* wanted : layout) {
+    bool found = false;
+    for (const Member* column : columns) found = found || SameColumn(wanted, column);
+    if (!found) return false;
+  }
+  return true;
+}
+
+// Checks the layout against the selected columns, logging a mismatch.
+bool CheckLayoutMatch(const Table& table, const DbFilters& cols,
+                      const std::vector<Member*>& layout) {
+  if (LayoutMatches(layout, SelectedMembers(table, cols))) return true;
+  if (cols.filters.empty()) {
+    DB_LOG(kLogError, "userMeta_data doesn't match meta_data");
+  } else {
+    DB_LOG(kLogError, "userMeta_data doesn't match obj1");
+  }
+  return false;
+}
+
+bool CheckConnection(const Table& table) {
+  if (table.parent->m_pDBConn != nullptr) return true;
+  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+  return false;
+}
+
+bool CheckUserMeta(const Table& table, const DbFilters& cols, const Meta* userMeta) {
+  if (userMeta == nullptr) {
+    DB_LOG(kLogError, "userMeta_data is null.");
+    return false;
+  }
+  if (userMeta->type_size == 0) {
+    DB_LOG(kLogError, "userMeta_data size is null.");
+    return false;
+  }
+  if (userMeta->members.empty()) {
+    DB_LOG(kLogError, "userMeta_data->members.size() is zero.");
+    return false;
+  }
+  return CheckLayoutMatch(table, cols, userMeta->members);
+}
+
+// The first member of `layout` named like `column`, or null.
+Member* FindByName(const std::vector<Member*>& layout, const Member* column) {
+  for (Member* member : layout) {
+    if (member->name == column->name) return member;
+  }
+  return nullptr;
+}
+
+// For every selected column, in column order, the layout member that
+// receives it (null: the column is read but not stored).
+std::vector<Member*> MatchColumns(const Table& table, const DbFilters& cols,
+                                  const Meta* userMeta) {
+  std::vector<Member*> matches;
+  for (const Member* column : SelectedMembers(table, cols)) {
+    matches.push_back(FindByName(userMeta->members, column));
+  }
+  return matches;
+}
+
+// Copies the columns of the current row into the record at `record`, each at
+// its layout member's offset.
+void CopyIntoLayout(Db* db, sqlite3_stmt* stmt, const std::vector<Member*>& matches,
+                    char* record) {
+  for (size_t i = 0; i < matches.size(); ++i) {
+    Member* member = matches[i];
+    if (member == nullptr) continue;
+    db->preProcMember(member);
+    CopyColumn(stmt, static_cast<int>(i), KindOf(member), member->type_meta->type_size,
+               record + member->offset);
+  }
+}
+
+// A zero-filled per-row work area: on the stack up to 4 KiB, on the heap
+// above that.
+class ScratchRecord {
+ public:
+  explicit ScratchRecord(size_t size) : size_(size) {
+    if (size_ > sizeof(stack_)) heap_.resize(size_);
+    data_ = size_ > sizeof(stack_) ? heap_.data() : stack_;
+  }
+  ScratchRecord(const ScratchRecord&) = delete;
+  ScratchRecord& operator=(const ScratchRecord&) = delete;
+
+  char* Clear() {
+    memset_s(data_, size_, 0, size_);
+    return data_;
+  }
+  // The text from the first byte up to the first zero byte within `bound`.
+  std::string Text(size_t bound) const { return std::string(data_, strnlen(data_, bound)); }
+
+ private:
+  char stack_[4096];
+  std::vector<char> heap_;
+  char* data_;
+  size_t size_;
+};
+
+// The shared body of get_item_lz and get_item_vz: one string per row.
+template <typename Append>
+long long ReadTexts(Table& table, DbFilters& cols, DbFilters& filters,
+                    unsigned long long& itemcnt, Meta* userMeta, Append&& append) {
+  if (!CheckConnection(table) || !CheckUserMeta(table, cols, userMeta)) return -1;
+  std::vector<Member*> matches = MatchColumns(table, cols, userMeta);
+  ScratchRecord scratch(userMeta->type_size);
+  return RunSelect(table, cols, filters, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long) {
+                     CopyIntoLayout(table.parent, stmt, matches, scratch.Clear());
+                     append(scratch.Text(userMeta->type_size));
+                   });
+}
+
+// Column index of the first selected column named like `member`, or -1.
+int FindColumn(const Table& table, const DbFilters& cols, const Member* member) {
+  std::vector<Member*> columns = SelectedMembers(table, cols);
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (columns[i]->name == member->name) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+}  // namespace
+
+long long Table::get_item_z(DbFilters& cols, DbFilters& filters,
+                            unsigned long long& itemcnt, void* obj, Meta* userMeta) {
+  if (!CheckConnection(*this)) return -1;
+  if (obj == nullptr) {
+    DB_LOG(kLogError, "vecOutRows is null.\n");
+    return -1;
+  }
+  if (!CheckUserMeta(*this, cols, userMeta)) return -1;
+  std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
+  char* records = static_cast<char*>(obj);
+  size_t stride = userMeta->type_size;
+  return RunSelect(*this, cols, filters, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long row) {
+                     CopyIntoLayout(parent, stmt, matches, records + row * stride);
+                   });
+}
+
+long long Table::get_item_lz(DbFilters& cols, DbFilters& filters,
+                             unsigned long long& itemcnt, std::list<std::string>& out,
+                             Meta* userMeta) {
+  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                   [&](std::string&& text) { out.push_back(std::move(text)); });
+}
+
+long long Table::get_item_vz(DbFilters& cols, DbFilters& filters,
+                             unsigned long long& itemcnt, std::vector<std::string>& out,
+                             Meta* userMeta) {
+  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                   [&](std::string&& text) { out.push_back(std::move(text)); });
+}
+
+long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
+                             unsigned long long& itemcnt, std::set<std::string>& out,
+                             Member* userMember) {
+  if (!CheckConnection(*this)) return -1;
+  if (userMember == nullptr) {
+    DB_LOG(kLogError, "userMember_data is null.");
+    return -1;
+  }
+  size_t width = userMember->type_meta->type_size;
+  if (width == 0) {
+    DB_LOG(kLogError, "userMeta_data size is null.");
+    return -1;
+  }
+  if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
+  int column = FindColumn(*this, cols, userMember);
+  // Whole-table reads place the value at the member's offset; the scratch
+  // area is made large enough that this stays inside it even when the
+  // offset is not 0 (the text is then read from the area's start).
+  size_t offset = cols.filters.empty() ? userMember->offset : 0;
+  ScratchRecord scratch(offset + width);
+  return RunSelect(*this, cols, filters, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long) {
+                     char* buffer = scratch.Clear();
+                     if (column >= 0) {
+                       parent->preProcMember(userMember);
+                       CopyColumn(stmt, column, KindOf(userMember), width,
+                                  buffer + offset);
+                     }
+                     out.insert(scratch.Text(width));
+                   });
+}
