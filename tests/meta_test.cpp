@@ -10,6 +10,7 @@
 
 #include "Table.h"
 #include "TestSupport.h"
+#include "zb_log.h"
 
 using ipc_db_test::ExpectLoggedOnce;
 using ipc_db_test::LogCapture;
@@ -361,6 +362,21 @@ TEST(MetaDataManager, KeyIsTheNameAtRegistration) {
   EXPECT_EQ(registry->GetMetaDataOf("reg_old"), &meta);
   EXPECT_EQ(registry->GetMetaDataOf("reg_new"), nullptr);
   registry->meta_map.erase("reg_old");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SchemaLog, EntriesCarryThePlatformDebugFlag) {
+  Log_SetLogDebugEnable(3);
+  LogCapture log;
+  Meta meta;
+  EXPECT_EQ(meta.AddMember(nullptr), 0);
+  Log_SetLogDebugEnable(0);
+  ASSERT_EQ(log.Entries().size(), 1u);
+  EXPECT_EQ(log.Entries()[0].debugFlag, 3u);
+  EXPECT_EQ(log.Entries()[0].module, 4u);
 }
 
 }  // namespace
