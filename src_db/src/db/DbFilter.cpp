@@ -88,13 +88,20 @@ void AppendInList(std::string* out, const DbFilter& term, const std::string& col
 
 const char* ComparisonText(DbFilterOperator op) {
   switch (op) {
-    case DB_FILTER_OP_EQ: return " = ";
-    case DB_FILTER_OP_NE: return " <> ";
-    case DB_FILTER_OP_LT: return " < ";
-    case DB_FILTER_OP_GT: return " > ";
-    case DB_FILTER_OP_LE: return " <= ";
-    case DB_FILTER_OP_GE: return " >= ";
-    default: return nullptr;
+    case DB_FILTER_OP_EQ:
+      return " = ";
+    case DB_FILTER_OP_NE:
+      return " <> ";
+    case DB_FILTER_OP_LT:
+      return " < ";
+    case DB_FILTER_OP_GT:
+      return " > ";
+    case DB_FILTER_OP_LE:
+      return " <= ";
+    case DB_FILTER_OP_GE:
+      return " >= ";
+    default:
+      return nullptr;
   }
 }
 
@@ -133,18 +140,28 @@ std::string RenderTerm(const DbFilter& term, const std::string& column) {
     return out;
   }
   switch (term.op) {
-    case DB_FILTER_OP_AND: return " and ";
-    case DB_FILTER_OP_ORDER_BY: return "order by " + column;
-    case DB_FILTER_OP_ORDER_BY_DESC: return "order by " + column + " DESC ";
-    case DB_FILTER_OP_LIMIT: return "limit " + std::to_string(SlotInt(term.value1));
-    case DB_FILTER_OP_OFFSET: return "offset " + std::to_string(SlotInt(term.value1));
-    case DB_FILTER_OP_BETWEEN: AppendBetween(&out, term, column); return out;
+    case DB_FILTER_OP_AND:
+      return " and ";
+    case DB_FILTER_OP_ORDER_BY:
+      return "order by " + column;
+    case DB_FILTER_OP_ORDER_BY_DESC:
+      return "order by " + column + " DESC ";
+    case DB_FILTER_OP_LIMIT:
+      return "limit " + std::to_string(SlotInt(term.value1));
+    case DB_FILTER_OP_OFFSET:
+      return "offset " + std::to_string(SlotInt(term.value1));
+    case DB_FILTER_OP_BETWEEN:
+      AppendBetween(&out, term, column);
+      return out;
     case DB_FILTER_OP_LIKE:
       out.append(column).append(" like ");
       AppendQuoted(&out, term.value1, FieldWidth(term.member));
       return out;
-    case DB_FILTER_OP_IN: AppendInList(&out, term, column); return out;
-    default: return " ";
+    case DB_FILTER_OP_IN:
+      AppendInList(&out, term, column);
+      return out;
+    default:
+      return " ";
   }
 }
 

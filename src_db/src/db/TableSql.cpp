@@ -6,7 +6,6 @@
 
 #include "DBConn.h"
 #include "SQLiteDBConn.h"
-#include "bounded_mem.h"
 
 namespace ipc_db::detail {
 
@@ -39,6 +38,12 @@ const char* Joint(DbFilterOperator current, DbFilterOperator next) {
 
 }  // namespace
 
+bool CheckConnection(const Table& table) {
+  if (table.parent->m_pDBConn != nullptr) return true;
+  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+  return false;
+}
+
 sqlite3* TableHandle(const Table& table) {
   return static_cast<CSqliteDBConn*>(table.parent->m_pDBConn)->m_pSqliteDB;
 }
@@ -58,6 +63,19 @@ std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols) 
   members.reserve(cols.filters.size());
   for (const DbFilter* term : cols.filters) members.push_back(term->member);
   return members;
+}
+
+bool EveryMemberMatches(const std::vector<Member*>& wanted,
+                        const std::vector<Member*>& available) {
+  for (const Member* member : wanted) {
+    bool found = false;
+    for (const Member* candidate : available) {
+      found = found || (candidate->name == member->name &&
+                        candidate->type_meta->type_size == member->type_meta->type_size);
+    }
+    if (!found) return false;
+  }
+  return true;
 }
 
 void AppendSelectList(const Table& table, const DbFilters& cols, std::string* sql) {
@@ -127,34 +145,6 @@ ColumnKind KindOf(const Member* member) {
   return member->sql_type == "BLOB" ? ColumnKind::kBlob : ColumnKind::kText;
 }
 
-void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
-                char* dest) {
-  switch (kind) {
-    case ColumnKind::kInt32: {
-      int value = sqlite3_column_int(stmt, column);
-      memcpy_s(dest, sizeof(value), &value, sizeof(value));
-      return;
-    }
-    case ColumnKind::kInt64: {
-      sqlite3_int64 value = sqlite3_column_int64(stmt, column);
-      memcpy_s(dest, sizeof(value), &value, sizeof(value));
-      return;
-    }
-    case ColumnKind::kBlob: {
-      const void* data = sqlite3_column_blob(stmt, column);
-      int bytes = sqlite3_column_bytes(stmt, column);
-      memcpy_s(dest, width, data, static_cast<size_t>(bytes));
-      return;
-    }
-    case ColumnKind::kText: {
-      const char* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-      int bytes = sqlite3_column_bytes(stmt, column);
-      strncpy_s(dest, width, text, static_cast<size_t>(bytes));
-      return;
-    }
-  }
-}
-
 void LogSqliteFailure(SqliteCall call, int code, sqlite3* db) {
   long long wide = code;
   switch (call) {
@@ -211,7 +201,8 @@ long long RunTransactionStatement(const Table& table, bool begin, bool withLineE
     } else {
       DB_LOG(kLogDebug, " Table::begin = %s", sql);
     }
-    if (result != 0) DB_LOG(kLogError, "ExecuteSQL for begin failed!error:%lld\n", result);
+    if (result != 0)
+      DB_LOG(kLogError, "ExecuteSQL for begin failed!error:%lld\n", result);
   } else {
     if (withLineEnd) {
       DB_LOG(kLogDebug, " Table::end = %s\n", sql);

@@ -17,8 +17,13 @@
 #include "Log.h"
 #include "Meta.h"
 #include "Table.h"
+#include "bounded_mem.h"
 
 namespace ipc_db::detail {
+
+// True when the table's Db has a connection; otherwise logs
+// "parent->m_pDBConn is null.\n" (the row operations' wording).
+bool CheckConnection(const Table& table);
 
 // The connection's open SQLite handle (null when closed).
 sqlite3* TableHandle(const Table& table);
@@ -33,6 +38,11 @@ std::string RenderTerm(const Table& table, DbFilter* term);
 // The members whose columns a select list names, in column order: the
 // table's members for an empty list, else the members of its terms.
 std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols);
+
+// True when every member of `wanted` has a namesake (same name, same field
+// width) among `available`. Offsets and column types are not compared.
+bool EveryMemberMatches(const std::vector<Member*>& wanted,
+                        const std::vector<Member*>& available);
 
 // Appends the select list: "*" for an empty list, else the column names of
 // the terms' members separated by ", ".
@@ -79,9 +89,34 @@ ColumnKind KindOf(const Member* member);
 // wide, straight from SQLite's buffers. Integers are stored as 4 or 8 bytes;
 // a blob that does not fit, or a NULL blob, leaves the field zero-filled; a
 // text that does not fit with its terminator, or a NULL text, leaves an
-// empty string.
-void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
-                char* dest);
+// empty string. Inline: it runs once per column of every row read.
+inline void CopyColumn(sqlite3_stmt* stmt, int column, ColumnKind kind, size_t width,
+                       char* dest) {
+  switch (kind) {
+    case ColumnKind::kInt32: {
+      int value = sqlite3_column_int(stmt, column);
+      memcpy_s(dest, sizeof(value), &value, sizeof(value));
+      return;
+    }
+    case ColumnKind::kInt64: {
+      sqlite3_int64 value = sqlite3_column_int64(stmt, column);
+      memcpy_s(dest, sizeof(value), &value, sizeof(value));
+      return;
+    }
+    case ColumnKind::kBlob: {
+      const void* data = sqlite3_column_blob(stmt, column);
+      int bytes = sqlite3_column_bytes(stmt, column);
+      memcpy_s(dest, width, data, static_cast<size_t>(bytes));
+      return;
+    }
+    case ColumnKind::kText: {
+      const char* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+      int bytes = sqlite3_column_bytes(stmt, column);
+      strncpy_s(dest, width, text, static_cast<size_t>(bytes));
+      return;
+    }
+  }
+}
 
 enum class SqliteCall { kPrepare, kBindBlob, kStep };
 
