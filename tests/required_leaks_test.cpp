@@ -5,7 +5,7 @@
 // keeps the connection mutex, after which the connection can never be
 // closed or freed (CloseDB and UnInit would wait on that mutex forever).
 // tests/sanitizers/valgrind.supp and lsan.supp suppress exactly the blocks
-// allocated under these two test bodies.
+// allocated under the two functions below that make these leaks.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -22,17 +22,39 @@ using ipc_db_test::TempDir;
 
 namespace {
 
+// The leaking steps live in functions of their own, never inlined, so that
+// the suppressions can name them: every block they leave behind was
+// allocated below one of these two frames.
+
+// Configures `db` twice on two files and returns the first connection,
+// which nothing owns afterwards.
+__attribute__((noinline)) CDBConn* DropFirstConnectionBySecondInit(Db& db,
+                                                                   const std::string& dir) {
+  char empty[1] = {0};
+  if (db.Init(0, dir, "first-connection.db", "first-connection.db-journal", empty, 0) != 0) {
+    return nullptr;
+  }
+  CDBConn* first = db.m_pDBConn;
+  if (db.Init(0, dir, "second-connection.db", "second-connection.db-journal", empty, 0) != 0) {
+    return nullptr;
+  }
+  return first;
+}
+
+// Opens a keyed file and re-keys it with a 100-byte key, which SQLCipher
+// takes and the 65-byte key buffer does not. Returns the re-key's result.
+__attribute__((noinline)) long long OpenThenFailReKeyKeepingTheMutex(Db& db,
+                                                                     const std::string& dir) {
+  if (OpenEventDb(db, dir, "rekey.db", MakeKey('k')) != 0) return 0;
+  std::string longKey(100, 'L');
+  return db.reEncryptDB(longKey.c_str(), 100);
+}
+
 TEST(RequiredLeaks, SecondInitWithoutUnInitDropsTheFirstConnection) {
   TempDir dir;
-  char empty[1] = {0};
   Db db;
-  ASSERT_EQ(db.Init(0, dir.Path(), "first-connection.db", "first-connection.db-journal",
-                    empty, 0),
-            0);
-  CDBConn* first = db.m_pDBConn;
-  ASSERT_EQ(db.Init(0, dir.Path(), "second-connection.db", "second-connection.db-journal",
-                    empty, 0),
-            0);
+  CDBConn* first = DropFirstConnectionBySecondInit(db, dir.Path());
+  ASSERT_NE(first, nullptr);
   EXPECT_NE(db.m_pDBConn, first);
   EXPECT_EQ(db.UnInit(), 0);  // frees the second connection only
   // `first` is not freed here: nothing owns it any more.
@@ -53,11 +75,9 @@ TEST(RequiredLeaks, FailedReKeyKeepsTheConnectionMutex) {
   UseCheapKeyDerivation();
   TempDir dir;
   Db db;
-  ASSERT_EQ(OpenEventDb(db, dir.Path(), "rekey.db", MakeKey('k')), 0);
-  // A 100-byte key: SQLCipher takes it, the 65-byte key buffer does not.
-  std::string longKey(100, 'L');
   LogCapture log;
-  EXPECT_EQ(db.reEncryptDB(longKey.c_str(), 100), DB_ERR_ENCRYPT);
+  EXPECT_EQ(OpenThenFailReKeyKeepingTheMutex(db, dir.Path()), DB_ERR_ENCRYPT);
+  EXPECT_EQ(db.GetDBStatus(), 1u);
   EXPECT_EQ(log.Count("RECORD: Failed to memcpy AESKey"), 1u);
   // The mutex is still held by this thread; any CloseDB, OpenDB, UnInit or
   // re-key on this connection would block for ever, so the connection, its
