@@ -173,6 +173,12 @@ std::string Secret(const void* key, int length) {
 
 class GuardListener : public testing::EmptyTestEventListener {
   void OnTestStart(const testing::TestInfo&) override { TheGuard().BeginTest(); }
+  // One line per test process for docs/reliability.md.
+  void OnTestProgramEnd(const testing::UnitTest&) override {
+    std::printf("[reliability] logguard entries_checked=%zu keys_seen=%zu\n",
+                TheGuard().Checked(), TheGuard().Secrets());
+    std::fflush(stdout);
+  }
 };
 
 [[maybe_unused]] const bool kListenerInstalled = [] {
