@@ -21,7 +21,10 @@ ctest_summary() { grep -hE 'tests passed, [0-9]+ tests failed out of' "$1" 2>/de
 host_passed=$(grep -c '^Test Passed\.' "$host_log" 2>/dev/null)
 host_failed=$(grep -c '^Test Failed\.' "$host_log" 2>/dev/null)
 asan_summary=$(ctest_summary "$logs/asan.log")
-tsan_result=$(grep -hoP '^\[  (PASSED|FAILED)  \] .*' "$logs/tsan.log" 2>/dev/null | head -1)
+tsan_passed=$(grep -oP '^\[  PASSED  \] \K[0-9]+' "$logs/tsan.log" 2>/dev/null | head -1)
+tsan_failed=$(grep -oP '^\[  FAILED  \] \K[0-9]+(?= tests?, listed)' "$logs/tsan.log" 2>/dev/null | head -1)
+tsan_result="${tsan_passed:-0} tests passed, ${tsan_failed:-0} failed"
+[[ -f $logs/tsan.log ]] || tsan_result="not run"
 tsan_warnings=$(grep -c 'WARNING: ThreadSanitizer' "$logs/tsan.log" 2>/dev/null)
 tsan_matched=$(grep -oP 'ThreadSanitizer: Matched \K[0-9]+' "$logs/tsan.log" 2>/dev/null | head -1)
 failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
@@ -42,7 +45,7 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
   echo "|---|---|"
   echo "| Host suite (\`build/default\`, includes the \`long\` test) | ${host_passed} tests passed, ${host_failed} failed |"
   echo "| AddressSanitizer + UndefinedBehaviorSanitizer, whole suite (\`build/asan\`) | ${asan_summary:-not run} |"
-  echo "| ThreadSanitizer, \`concurrency_test\` (\`build/tsan\`) | ${tsan_result:-not run}; ${tsan_warnings:-0} unsuppressed reports; ${tsan_matched:-0} reports matched the worker-flag suppression |"
+  echo "| ThreadSanitizer, \`concurrency_test\` (\`build/tsan\`) | ${tsan_result}; unsuppressed reports: ${tsan_warnings:-0}; reports matched by the worker-flag suppression: ${tsan_matched:-0} |"
   if [[ -f $logs/valgrind.summary ]]; then
     vg_exes=$(grep -c ' rc=' "$logs/valgrind.summary")
     vg_errors=$(grep -oP ' errors=\K[0-9]+' "$logs/valgrind.summary" | sum)
@@ -161,11 +164,12 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
       echo "- A whole keyed life with every debug entry on: $(kv "$l" keyed_lifecycle_entries) entries,"
       echo "  $(kv "$l" entries_with_key_bytes) with key bytes."
     elif [[ -n $(kv "$l" directory_made_by_library) ]]; then
-      echo "- Directory made by the library: $(kv "$l" directory_made_by_library); database file"
-      echo "  $(kv "$l" database_file). An existing directory keeps its own mode."
+      echo "- Directory made by the library: mode $(kv "$l" directory_made_by_library) under umask"
+      echo "  $(kv "$l" umask); database file $(kv "$l" database_file). An existing directory keeps its"
+      echo "  own mode."
     elif [[ -n $(kv "$l" repaired_file_mode_before_reopen) ]]; then
-      echo "- After \`RepairDB\` the file has the tool's mode, $(kv "$l" repaired_file_mode_before_reopen),"
-      echo "  until the next open sets $(kv "$l" after_reopen)."
+      echo "- After \`RepairDB\` the file has the tool's mode, $(kv "$l" repaired_file_mode_before_reopen)"
+      echo "  under umask $(kv "$l" umask), until the next open sets $(kv "$l" after_reopen)."
     fi
   done < <(lines security)
   echo
@@ -175,11 +179,12 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
   echo "- AddressSanitizer + UndefinedBehaviorSanitizer (\`build/asan\`), whole suite: ${asan_summary:-not run}."
   echo "  LeakSanitizer suppressions (\`tests/sanitizers/lsan.supp\`): the two leaks the library keeps on"
   echo "  purpose, named by the functions of \`tests/required_leaks_test.cpp\` that make them."
-  echo "- ThreadSanitizer (\`build/tsan\`), \`concurrency_test\`: ${tsan_result:-not run};"
-  echo "  ${tsan_warnings:-0} unsuppressed reports. The table operations of four threads gave no report."
-  echo "  ${tsan_matched:-0} reports, all from the execution worker's stop handshake, matched the one"
-  echo "  suppression (\`tests/sanitizers/tsan.supp\`), which names \`StopExecThread\` for the worker flags"
-  echo "  \`m_bExecThreadStop\` and \`m_bExecThreadRunning\` that the library keeps as plain fields."
+  echo "- ThreadSanitizer (\`build/tsan\`), \`concurrency_test\`: ${tsan_result}; unsuppressed"
+  echo "  reports: ${tsan_warnings:-0}. Reports matched by the one suppression"
+  echo "  (\`tests/sanitizers/tsan.supp\`): ${tsan_matched:-0}; it names \`StopExecThread\` for the"
+  echo "  execution worker's flags \`m_bExecThreadStop\` and \`m_bExecThreadRunning\`, which the library"
+  echo "  keeps as plain fields polled during the stop handshake. Any report about the table operations"
+  echo "  of the four threads would be unsuppressed."
   echo
 
   echo "## valgrind memcheck"
@@ -192,13 +197,17 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
   echo "|---|---|---|---|"
   if [[ -f $logs/valgrind.summary ]]; then
     awk '
-      / rc=/ { if (name != "") print name "|" passed "|" errors "|" (sup == "" ? "none" : sup);
-               name = $1; sup = "";
-               for (i = 2; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
-               passed = v["passed"]; errors = v["errors"] }
+      function flush() {
+        if (name != "") printf "| %s | %s | %s | %s |\n", name, passed, errors, (sup == "" ? "none" : sup)
+      }
+      / rc=/ {
+        flush(); name = $1; sup = ""
+        for (i = 2; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
+        passed = v["passed"]; errors = v["errors"]
+      }
       /suppressed:/ { sup = sup (sup == "" ? "" : "; ") $2 " " $3 }
-      END { if (name != "") print name "|" passed "|" errors "|" (sup == "" ? "none" : sup) }
-    ' "$logs/valgrind.summary" | sed 's/^/| /; s/$/ |/; s/|/ | /g; s/  */ /g'
+      END { flush() }
+    ' "$logs/valgrind.summary"
   fi
   echo
 

@@ -111,7 +111,7 @@ TEST(DirectoryPermissions, MissingDirectoryIsMadeWith0777) {
   EXPECT_EQ(db.UnInit(), 0);
   char modes[96];
   std::snprintf(modes, sizeof(modes),
-                "security directory_made_by_library=%04o(umask 0) database_file=%04o",
+                "security directory_made_by_library=%04o umask=000 database_file=%04o",
                 FileMode(dir), FileMode(dir + "p.db"));
   Report(modes);
 }
@@ -166,7 +166,7 @@ TEST(FilePermissions, RepairedFileIs0640OnlyAfterTheNextOpen) {
   ASSERT_EQ(db.OpenDB(), 0);
   EXPECT_EQ(FileMode(dir.Path() + "p.db"), 0640);
   EXPECT_EQ(db.UnInit(), 0);
-  Report("security repaired_file_mode_before_reopen=0644(umask 022) after_reopen=0640");
+  Report("security repaired_file_mode_before_reopen=0644 umask=022 after_reopen=0640");
 }
 
 // ---- Keys ------------------------------------------------------------------
