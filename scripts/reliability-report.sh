@@ -37,7 +37,7 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
   echo "\`$(git rev-parse --short HEAD 2>/dev/null)\`, $(nproc) cores, $(uname -sr). Each number"
   echo "below is taken from a \`[reliability]\` line that a test printed, or from ctest, valgrind,"
   echo "ThreadSanitizer or libFuzzer output. What the library does not protect against is in"
-  echo "[security.md](security.md)."
+  echo "[section 10 of the guide](guide.md#10-what-the-library-does-not-protect-against)."
   echo
   echo "## Summary"
   echo

@@ -3,7 +3,7 @@
 // of a keyed lifecycle with every debug entry on; the key buffer cleared
 // when the connection goes away; and what unchecked text does to a
 // statement, with the text check an application runs before storing
-// (the same function as in docs/security.md).
+// (the same function as in section 10 of docs/guide.md).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -287,7 +287,7 @@ TEST(KeyMaterial, KeyStaysInMemoryAfterCloseDB) {
 
 // ---- Untrusted text --------------------------------------------------------
 
-// The check of docs/security.md: a text may be stored in a CHAR(n) field
+// The check of docs/guide.md, section 10: a text may be stored in a CHAR(n) field
 // when it ends inside the field (the library reads up to one byte past the
 // field when there is no terminator), holds no single quote (texts are put
 // into statements between single quotes without escaping) and no control
