@@ -460,7 +460,8 @@ void TextChecks() {
   std::strcpy(event.text, "front door");
   Check(IsStorableText(event.text, sizeof(event.text)), "a plain text may be stored");
   std::strcpy(event.text, "x' or '1'='1");
-  Check(!IsStorableText(event.text, sizeof(event.text)), "a text with a quote is refused");
+  Check(!IsStorableText(event.text, sizeof(event.text)),
+        "a text with a quote is refused");
   std::memset(event.text, 'a', sizeof(event.text));
   Check(!IsStorableText(event.text, sizeof(event.text)),
         "a text without a zero byte in its field is refused");

@@ -100,7 +100,8 @@ inline std::string ReferenceTerm(const DbFilter& term, const std::string& column
   const int op = term.op;
   if (op == DB_FILTER_OP_AND) return " and ";
   if (op == DB_FILTER_OP_LIMIT) return "limit " + std::to_string(SlotValue(term.value1));
-  if (op == DB_FILTER_OP_OFFSET) return "offset " + std::to_string(SlotValue(term.value1));
+  if (op == DB_FILTER_OP_OFFSET)
+    return "offset " + std::to_string(SlotValue(term.value1));
   if (op < 0 || op > DB_FILTER_OP_IN) return " ";
   const bool integer = term.member->sql_type == "INTEGER";
   const size_t width = term.member->type_meta->type_size;
@@ -110,13 +111,15 @@ inline std::string ReferenceTerm(const DbFilter& term, const std::string& column
                    : "'" + QuotedChars(static_cast<const char*>(slot), width) + "'";
   };
   switch (op) {
-    case DB_FILTER_OP_ORDER_BY: return "order by " + column;
-    case DB_FILTER_OP_ORDER_BY_DESC: return "order by " + column + " DESC ";
+    case DB_FILTER_OP_ORDER_BY:
+      return "order by " + column;
+    case DB_FILTER_OP_ORDER_BY_DESC:
+      return "order by " + column + " DESC ";
     case DB_FILTER_OP_BETWEEN:
       return column + " between " + value(term.value1) + " and " + value(term.value2);
     case DB_FILTER_OP_LIKE:
-      return column + " like '" + QuotedChars(static_cast<const char*>(term.value1), width) +
-             "'";
+      return column + " like '" +
+             QuotedChars(static_cast<const char*>(term.value1), width) + "'";
     case DB_FILTER_OP_IN: {
       const char* array = static_cast<const char*>(term.value1);
       int32_t count = SlotValue(term.value2);
@@ -141,7 +144,8 @@ inline std::string ReferenceTerm(const DbFilter& term, const std::string& column
       }
       return out + (integer ? " )" : "')");
     }
-    default: return column + kComparisons[op] + value(term.value1);
+    default:
+      return column + kComparisons[op] + value(term.value1);
   }
 }
 
@@ -165,7 +169,9 @@ struct FuzzTerm {
   size_t value2Size = 0;
 
   // True when a value holds a single quote (which can change the statement).
-  bool HasQuote() const { return HasQuote(value1.get(), value1Size) || HasQuote(value2.get(), value2Size); }
+  bool HasQuote() const {
+    return HasQuote(value1.get(), value1Size) || HasQuote(value2.get(), value2Size);
+  }
   static bool HasQuote(const char* buffer, size_t size) {
     return buffer != nullptr && std::memchr(buffer, '\'', size) != nullptr;
   }

@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const char* const kTypes[] = {"INTEGER", "TEXT", "BLOB", "datetime", "CHAR(8)",
-                                       "unknown_type"};
+  static const char* const kTypes[] = {"INTEGER",  "TEXT",    "BLOB",
+                                       "datetime", "CHAR(8)", "unknown_type"};
   FuzzInput in(data, size);
   const int termCount = in.Byte() % 7;
   std::vector<FuzzTerm> owned(static_cast<size_t>(termCount));

@@ -89,7 +89,8 @@ void BuildFixture() {
   f.row.AddMember(new Member("bData", offsetof(FuzzRow, data), &f.blob8));
   f.row.AddMember(new Member("dStamp", offsetof(FuzzRow, when), &f.char20));
   char noKey[1] = {0};
-  if (f.db.Init(0, f.dir, "fuzz.db", "fuzz.db-journal", noKey, 0) != 0 || f.db.OpenDB() != 0) {
+  if (f.db.Init(0, f.dir, "fuzz.db", "fuzz.db-journal", noKey, 0) != 0 ||
+      f.db.OpenDB() != 0) {
     std::abort();
   }
   f.plainNames.reset(f.db.createTable(&f.row, 1));
@@ -103,20 +104,24 @@ void BuildFixture() {
     r.num = (i % 7) - 3;
     std::snprintf(r.name, sizeof(r.name), "name%02d", i % 11);
     std::snprintf(r.note, sizeof(r.note), "note %d of the fixture", i);
-    for (size_t b = 0; b < sizeof(r.data); ++b) r.data[b] = static_cast<unsigned char>(i + b);
+    for (size_t b = 0; b < sizeof(r.data); ++b)
+      r.data[b] = static_cast<unsigned char>(i + b);
     std::snprintf(r.when, sizeof(r.when), "2024-01-%02d 10:00:00", 1 + i % 28);
   }
   if (f.plainNames->add_item(rows.data(), rows.size(), DbFilters(0)) != 0) std::abort();
   Exec(f.db, "insert into t_fuzz(Num) values(NULL);");
-  Exec(f.db, "insert into t_fuzz(Num, Big, Name) values(2147483647, 1099511627776, "
-             "'sixteen-chars-xx');");
-  Exec(f.db, "insert into t_fuzz(Num, Big, Note) values(-2147483648, -5, "
-             "'a note that is far longer than thirty-two characters');");
-  Exec(f.db, "insert into t_fuzz(Name, Data) values('O''Brien', "
-             "x'000102030405060708090a0b0c0d0e0f');");
+  Exec(f.db,
+       "insert into t_fuzz(Num, Big, Name) values(2147483647, 1099511627776, "
+       "'sixteen-chars-xx');");
+  Exec(f.db,
+       "insert into t_fuzz(Num, Big, Note) values(-2147483648, -5, "
+       "'a note that is far longer than thirty-two characters');");
+  Exec(f.db,
+       "insert into t_fuzz(Name, Data) values('O''Brien', "
+       "x'000102030405060708090a0b0c0d0e0f');");
   Exec(f.db, "insert into t_fuzz(Name, Data, Stamp) values('', x'', '');");
-  for (int i = 0; i < 5; ++i) Exec(f.db, "insert into t_fuzz(Num) values(" +
-                                             std::to_string(i * 1000) + ");");
+  for (int i = 0; i < 5; ++i)
+    Exec(f.db, "insert into t_fuzz(Num) values(" + std::to_string(i * 1000) + ");");
 }
 
 }  // namespace

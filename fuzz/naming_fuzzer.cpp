@@ -18,15 +18,22 @@ namespace {
 
 const char kUnknown[] = "unknown_type";
 
-std::string ExpectedType(const std::string& name, unsigned int width, const std::string& set) {
+std::string ExpectedType(const std::string& name, unsigned int width,
+                         const std::string& set) {
   if (set != kUnknown) return set;
   switch (name.empty() ? '\0' : name[0]) {
-    case 'c': return "CHAR(" + std::to_string(width) + ")";
-    case 'b': return "BLOB";
-    case 't': return "TEXT";
-    case 'i': return "INTEGER";
-    case 'd': return "datetime";
-    default: return kUnknown;
+    case 'c':
+      return "CHAR(" + std::to_string(width) + ")";
+    case 'b':
+      return "BLOB";
+    case 't':
+      return "TEXT";
+    case 'i':
+      return "INTEGER";
+    case 'd':
+      return "datetime";
+    default:
+      return kUnknown;
   }
 }
 
@@ -68,8 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ExpectSame(member.sql_type, ExpectedType(name, type.type_size, preset), "sql_type");
   ExpectSame(std::to_string(member.primary_key), std::to_string(ExpectedFlag(name, 'p')),
              "primary_key");
-  ExpectSame(std::to_string(member.auto_increment), std::to_string(ExpectedFlag(name, 'a')),
-             "auto_increment");
+  ExpectSame(std::to_string(member.auto_increment),
+             std::to_string(ExpectedFlag(name, 'a')), "auto_increment");
   ExpectSame(std::to_string(member.not_null), std::to_string(ExpectedFlag(name, 'n')),
              "not_null");
   ExpectSame(std::to_string(member.default_zero), std::to_string(ExpectedFlag(name, 'd')),

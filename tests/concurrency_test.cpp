@@ -38,10 +38,10 @@ constexpr auto kRunTime = std::chrono::seconds(3);
 
 // What one thread did.
 struct Tally {
-  long long rowsWritten = 0;     // rows of add_item calls that returned 0
+  long long rowsWritten = 0;  // rows of add_item calls that returned 0
   long long singleInserts = 0;
   long long batchInserts = 0;
-  long long batchRefused = 0;    // "begin;" refused: another thread's batch was open
+  long long batchRefused = 0;  // "begin;" refused: another thread's batch was open
   long long reads = 0;
   long long rowsRead = 0;
   long long counts = 0;
@@ -58,10 +58,18 @@ class SharedDbWorker {
     while (std::chrono::steady_clock::now() < deadline) {
       switch (step++ % 5) {
         case 0:
-        case 1: InsertOne(); break;
-        case 2: InsertBatch(); break;
-        case 3: ReadOwnRows(); break;
-        default: CountRows(); break;
+        case 1:
+          InsertOne();
+          break;
+        case 2:
+          InsertBatch();
+          break;
+        case 3:
+          ReadOwnRows();
+          break;
+        default:
+          CountRows();
+          break;
       }
     }
     return tally_;
@@ -99,8 +107,8 @@ class SharedDbWorker {
   // Reads this thread's rows back: as many as it wrote, each one whole.
   void ReadOwnRows() {
     DbFilters none(0);
-    DbFilters mine(1, new DbFilter(schema_->batch(), DB_FILTER_OP_EQ, ValueSlot(index_),
-                                   nullptr));
+    DbFilters mine(
+        1, new DbFilter(schema_->batch(), DB_FILTER_OP_EQ, ValueSlot(index_), nullptr));
     std::vector<Event> out(static_cast<size_t>(tally_.rowsWritten) + 1);
     unsigned long long itemcnt = 0;
     ASSERT_EQ(table_->get_item(none, mine, itemcnt, out.data()), 0);
@@ -115,8 +123,8 @@ class SharedDbWorker {
   }
 
   void CountRows() {
-    DbFilters mine(1, new DbFilter(schema_->batch(), DB_FILTER_OP_EQ, ValueSlot(index_),
-                                   nullptr));
+    DbFilters mine(
+        1, new DbFilter(schema_->batch(), DB_FILTER_OP_EQ, ValueSlot(index_), nullptr));
     EXPECT_EQ(table_->get_item_cnt(mine), tally_.rowsWritten);
     DbFilters none(0);
     EXPECT_GE(table_->get_item_cnt(none), tally_.rowsWritten);
@@ -146,8 +154,8 @@ TEST(SharedDb, FourThreadsInsertReadAndCountWithoutLosingARow) {
   }
   std::vector<std::future<Tally>> futures;
   for (auto& worker : workers) {
-    futures.push_back(std::async(std::launch::async,
-                                 [w = worker.get(), deadline] { return w->Run(deadline); }));
+    futures.push_back(std::async(
+        std::launch::async, [w = worker.get(), deadline] { return w->Run(deadline); }));
   }
   std::vector<Tally> tallies;
   for (auto& future : futures) tallies.push_back(future.get());
@@ -159,7 +167,8 @@ TEST(SharedDb, FourThreadsInsertReadAndCountWithoutLosingARow) {
   long long rowsLost = 0;
   for (int i = 0; i < kThreads; ++i) {
     const Tally& t = tallies[static_cast<size_t>(i)];
-    DbFilters mine(1, new DbFilter(schema.batch(), DB_FILTER_OP_EQ, ValueSlot(i), nullptr));
+    DbFilters mine(1,
+                   new DbFilter(schema.batch(), DB_FILTER_OP_EQ, ValueSlot(i), nullptr));
     long long stored = table->get_item_cnt(mine);
     EXPECT_EQ(stored, t.rowsWritten) << "thread " << i;
     if (stored < t.rowsWritten) rowsLost += t.rowsWritten - stored;
@@ -181,7 +190,8 @@ TEST(SharedDb, FourThreadsInsertReadAndCountWithoutLosingARow) {
   std::ostringstream line;
   line << "concurrency threads=" << kThreads << " seconds=" << kRunTime.count()
        << " rows_written=" << total.rowsWritten << " rows_lost=" << rowsLost
-       << " single_inserts=" << total.singleInserts << " batch_inserts=" << total.batchInserts
+       << " single_inserts=" << total.singleInserts
+       << " batch_inserts=" << total.batchInserts
        << " batches_refused_at_begin=" << total.batchRefused << " reads=" << total.reads
        << " rows_read=" << total.rowsRead << " counts=" << total.counts;
   Report(line.str());
@@ -234,8 +244,8 @@ TEST(SharedDb, ExecutionWorkerRunsWhatTwoThreadsQueue) {
   TempDir dir;
   Db db;
   ASSERT_EQ(OpenEventDb(db, dir.Path(), "worker.db", ""), 0);
-  ASSERT_EQ(db.m_pDBConn->ExecuteSQL("create table t_queued(a INTEGER, b INTEGER);", nullptr,
-                                     DB_EXEC_SQL_SYNC),
+  ASSERT_EQ(db.m_pDBConn->ExecuteSQL("create table t_queued(a INTEGER, b INTEGER);",
+                                     nullptr, DB_EXEC_SQL_SYNC),
             0);
   constexpr int kPerThread = 200;
   ExecWorkerThread worker(db.m_pDBConn);

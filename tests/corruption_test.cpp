@@ -39,9 +39,12 @@ enum class Damage { kTableByte, kTruncated, kGarbageHeader };
 
 const char* NameOf(Damage damage) {
   switch (damage) {
-    case Damage::kTableByte: return "changed byte in a table b-tree page";
-    case Damage::kTruncated: return "file truncated to half its length";
-    case Damage::kGarbageHeader: return "garbage in the 100-byte header";
+    case Damage::kTableByte:
+      return "changed byte in a table b-tree page";
+    case Damage::kTruncated:
+      return "file truncated to half its length";
+    case Damage::kGarbageHeader:
+      return "garbage in the 100-byte header";
   }
   return "?";
 }
@@ -124,13 +127,13 @@ std::string QueueText(const std::deque<DB_REPAIR_ITEM>& queue) {
 // What a damaged file gave, step by step.
 struct Outcome {
   long long open = 0;
-  long long count = 0;        // get_item_cnt
-  int sqliteCode = 0;         // code of the failed count statement
-  long long read = 0;         // get_item result
+  long long count = 0;  // get_item_cnt
+  int sqliteCode = 0;   // code of the failed count statement
+  long long read = 0;   // get_item result
   unsigned long long rowsRead = 0;
   std::deque<DB_REPAIR_ITEM> queued;
   long long repair = 0;
-  long long rowsAfter = 0;    // get_item_cnt after repair and reopen
+  long long rowsAfter = 0;  // get_item_cnt after repair and reopen
   std::string integrityAfter;
   long long fileSizeAfter = 0;
 };
@@ -138,7 +141,8 @@ struct Outcome {
 class CorruptionTest : public testing::TestWithParam<std::tuple<Damage, bool>> {
  protected:
   void SetUp() override {
-    if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "the repair tool is not the test wrapper";
+    if (!RepairToolIsTestWrapper())
+      GTEST_SKIP() << "the repair tool is not the test wrapper";
     damage_ = std::get<0>(GetParam());
     keyed_ = std::get<1>(GetParam());
     key_ = keyed_ ? MakeKey('c') : "";
@@ -149,7 +153,8 @@ class CorruptionTest : public testing::TestWithParam<std::tuple<Damage, bool>> {
   void WriteRows() {
     Db db;
     ASSERT_EQ(OpenEventDb(db, dir_.Path(), "c.db", key_), 0);
-    std::unique_ptr<Table> table(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
     ASSERT_NE(table, nullptr);
     std::vector<Event> events = MakeBatch(1, kRows, 5);
     ASSERT_EQ(table->add_item(events.data(), events.size(), DbFilters(0)), 0);
@@ -275,7 +280,8 @@ TEST(CorruptionQueue, ThirdCorruptStatementFindsTheQueueFull) {
   {
     Db db;
     ASSERT_EQ(OpenEventDb(db, dir.Path(), "q.db", ""), 0);
-    std::unique_ptr<Table> table(db.createTable(schema.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema.meta(), EventSchema::kAnalyzeName));
     ASSERT_NE(table, nullptr);
     std::vector<Event> events = MakeBatch(1, kRows, 5);
     ASSERT_EQ(table->add_item(events.data(), events.size(), DbFilters(0)), 0);

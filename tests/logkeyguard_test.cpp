@@ -51,7 +51,8 @@ TEST(LogKeyGuard, DebugEntriesDroppedByTheDefaultSinkAreCheckedToo) {
 }
 
 TEST(LogKeyGuard, FlagsARawRunOfEightKeyBytes) {
-  const std::string key = "Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$";
+  const std::string key =
+      "Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$Zq7!mP2#vL9@xR4$";
   RegisterSecret(key);
   ZB_WriteLog(4, 1, 0, 0, "f", 1, "seven bytes are fine: %s", key.substr(3, 7).c_str());
   EXPECT_NONFATAL_FAILURE(
@@ -60,18 +61,22 @@ TEST(LogKeyGuard, FlagsARawRunOfEightKeyBytes) {
 }
 
 TEST(LogKeyGuard, FlagsHexadecimalKeyBytesInEitherCase) {
-  const std::string key = "hexkey-0123456789-hexkey-0123456789-hexkey-0123456789-hexkey-01";
+  const std::string key =
+      "hexkey-0123456789-hexkey-0123456789-hexkey-0123456789-hexkey-01";
   RegisterSecret(key);
-  EXPECT_NONFATAL_FAILURE(ZB_WriteLog(4, 3, 0, 0, "f", 1, "key=%s",
-                                      HexOf(key.substr(10, 8), "0123456789abcdef").c_str()),
-                          kLeak);
-  EXPECT_NONFATAL_FAILURE(ZB_WriteLog(4, 3, 0, 0, "f", 1, "key=%s",
-                                      HexOf(key.substr(20, 8), "0123456789ABCDEF").c_str()),
-                          kLeak);
+  EXPECT_NONFATAL_FAILURE(
+      ZB_WriteLog(4, 3, 0, 0, "f", 1, "key=%s",
+                  HexOf(key.substr(10, 8), "0123456789abcdef").c_str()),
+      kLeak);
+  EXPECT_NONFATAL_FAILURE(
+      ZB_WriteLog(4, 3, 0, 0, "f", 1, "key=%s",
+                  HexOf(key.substr(20, 8), "0123456789ABCDEF").c_str()),
+      kLeak);
 }
 
 TEST(LogKeyGuard, FlagsAnEntryWrittenBeforeItsKeyWasKnown) {
-  const std::string key = "late-key-late-key-late-key-late-key-late-key-late-key-late-key!";
+  const std::string key =
+      "late-key-late-key-late-key-late-key-late-key-late-key-late-key!";
   ZB_WriteLog(4, 0, 0, 0, "f", 1, "about to use %s", key.c_str());
   EXPECT_NONFATAL_FAILURE(RegisterSecret(key), kLeak);
 }

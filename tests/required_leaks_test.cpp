@@ -28,14 +28,16 @@ namespace {
 
 // Configures `db` twice on two files and returns the first connection,
 // which nothing owns afterwards.
-__attribute__((noinline)) CDBConn* DropFirstConnectionBySecondInit(Db& db,
-                                                                   const std::string& dir) {
+__attribute__((noinline)) CDBConn* DropFirstConnectionBySecondInit(
+    Db& db, const std::string& dir) {
   char empty[1] = {0};
-  if (db.Init(0, dir, "first-connection.db", "first-connection.db-journal", empty, 0) != 0) {
+  if (db.Init(0, dir, "first-connection.db", "first-connection.db-journal", empty, 0) !=
+      0) {
     return nullptr;
   }
   CDBConn* first = db.m_pDBConn;
-  if (db.Init(0, dir, "second-connection.db", "second-connection.db-journal", empty, 0) != 0) {
+  if (db.Init(0, dir, "second-connection.db", "second-connection.db-journal", empty, 0) !=
+      0) {
     return nullptr;
   }
   return first;
@@ -43,8 +45,8 @@ __attribute__((noinline)) CDBConn* DropFirstConnectionBySecondInit(Db& db,
 
 // Opens a keyed file and re-keys it with a 100-byte key, which SQLCipher
 // takes and the 65-byte key buffer does not. Returns the re-key's result.
-__attribute__((noinline)) long long OpenThenFailReKeyKeepingTheMutex(Db& db,
-                                                                     const std::string& dir) {
+__attribute__((noinline)) long long OpenThenFailReKeyKeepingTheMutex(
+    Db& db, const std::string& dir) {
   if (OpenEventDb(db, dir, "rekey.db", MakeKey('k')) != 0) return 0;
   std::string longKey(100, 'L');
   return db.reEncryptDB(longKey.c_str(), 100);
@@ -66,8 +68,9 @@ TEST(RequiredLeaks, SecondInitWithoutUnInitDropsTheFirstConnection) {
 void UseCheapKeyDerivation() {
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, "PRAGMA cipher_default_kdf_iter = 1;", nullptr, nullptr, nullptr),
-            SQLITE_OK);
+  EXPECT_EQ(
+      sqlite3_exec(db, "PRAGMA cipher_default_kdf_iter = 1;", nullptr, nullptr, nullptr),
+      SQLITE_OK);
   sqlite3_close(db);
 }
 

@@ -29,8 +29,8 @@ using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeEvent;
 using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
-using ipc_db_test::Report;
 using ipc_db_test::RepairToolIsTestWrapper;
+using ipc_db_test::Report;
 using ipc_db_test::SecretsKnown;
 using ipc_db_test::TempDir;
 using ipc_db_test::ValueSlot;
@@ -151,7 +151,8 @@ TEST(DirectoryPermissions, MissingParentIsNotCreated) {
 // The repair tool writes the new file with its own default permissions;
 // the file keeps them until the next open narrows them to 0640.
 TEST(FilePermissions, RepairedFileIs0640OnlyAfterTheNextOpen) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "the repair tool is not the test wrapper";
+  if (!RepairToolIsTestWrapper())
+    GTEST_SKIP() << "the repair tool is not the test wrapper";
   ScopedUmask scoped(022);
   TempDir dir;
   EventSchema schema;
@@ -183,8 +184,10 @@ bool LogHoldsKeyBytes(const std::vector<LogEntry>& entries, const std::string& k
     }
     for (const LogEntry& entry : entries) {
       std::string lower = entry.text;
-      for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (entry.text.find(run) != std::string::npos || lower.find(hex) != std::string::npos) {
+      for (char& c : lower)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (entry.text.find(run) != std::string::npos ||
+          lower.find(hex) != std::string::npos) {
         return true;
       }
     }
@@ -206,8 +209,10 @@ TEST(KeyMaterial, NoKeyBytesInAnyEntryOfAKeyedLifecycle) {
   const int oldRecordFlag = g_enRecordDebugFlag;
   g_enRecordDebugFlag = 1;
   Log_SetLogDebugEnable(1);
-  const std::string first = KeyFrom("first-key:Q9w!e7R#t5Y%u3I^o1P&a8S*d6F(g4H)j2K_l0Z+x9C");
-  const std::string second = KeyFrom("second-key:M1n2B3v4C5x6Z7l8K9j0H-g=F[d]S;a'P,o.I/u`Y~t");
+  const std::string first =
+      KeyFrom("first-key:Q9w!e7R#t5Y%u3I^o1P&a8S*d6F(g4H)j2K_l0Z+x9C");
+  const std::string second =
+      KeyFrom("second-key:M1n2B3v4C5x6Z7l8K9j0H-g=F[d]S;a'P,o.I/u`Y~t");
   ASSERT_EQ(first.size(), 64u);
   ASSERT_EQ(second.size(), 64u);
   size_t secretsBefore = SecretsKnown();
@@ -217,7 +222,8 @@ TEST(KeyMaterial, NoKeyBytesInAnyEntryOfAKeyedLifecycle) {
   {
     Db db;
     ASSERT_EQ(OpenEventDb(db, dir.Path(), "k.db", first), 0);
-    std::unique_ptr<Table> table(db.createTable(schema.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema.meta(), EventSchema::kAnalyzeName));
     ASSERT_NE(table, nullptr);
     std::vector<Event> events = MakeBatch(1, 5, 3);
     ASSERT_EQ(table->add_item(events.data(), events.size(), DbFilters(0)), 0);
@@ -329,14 +335,15 @@ TEST(UntrustedText, UncheckedFilterTextRewritesTheStatement) {
 
   char alwaysTrue[24] = "x' or '1'='1";
   EXPECT_FALSE(IsStorableText(alwaysTrue, sizeof(alwaysTrue)));
-  DbFilters removeOne(1, new DbFilter(schema.member(4), DB_FILTER_OP_EQ, alwaysTrue, nullptr));
+  DbFilters removeOne(
+      1, new DbFilter(schema.member(4), DB_FILTER_OP_EQ, alwaysTrue, nullptr));
   EXPECT_EQ(table->rmv_item(&removeOne, 1), 0);
   EXPECT_EQ(table->get_item_cnt(none), 0);  // every row is gone
 
   char secondStatement[24] = "x'; drop table t_event;";
   EXPECT_FALSE(IsStorableText(secondStatement, sizeof(secondStatement)));
-  DbFilters removeTwo(1,
-                      new DbFilter(schema.member(4), DB_FILTER_OP_EQ, secondStatement, nullptr));
+  DbFilters removeTwo(
+      1, new DbFilter(schema.member(4), DB_FILTER_OP_EQ, secondStatement, nullptr));
   EXPECT_EQ(table->rmv_item(&removeTwo, 1), -1);  // the quote left over fails...
   EXPECT_EQ(db.m_pDBConn->WhetherTableExist("t_event"), 0);  // ...after the drop ran
   EXPECT_EQ(db.UnInit(), 0);

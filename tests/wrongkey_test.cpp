@@ -40,7 +40,8 @@ class WrongKeyTest : public testing::Test {
   void CreateFile(const std::string& key) {
     Db db;
     ASSERT_EQ(OpenEventDb(db, dir_.Path(), "w.db", key), 0);
-    std::unique_ptr<Table> table(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
     ASSERT_NE(table, nullptr);
     std::vector<Event> events = MakeBatch(1, kRows, 7);
     ASSERT_EQ(table->add_item(events.data(), events.size(), DbFilters(0)), 0);
@@ -60,8 +61,9 @@ class WrongKeyTest : public testing::Test {
     // pragmas that read page 1 fail and are only logged.
     EXPECT_EQ(opened, 0);
     EXPECT_EQ(db.GetDBStatus(), 1u);
-    ExpectLoggedOnce(log, 1, kConnFile,
-                     "RECORD: sqlite3_exec PRAGMA cipher_default_compatibility = 3 success");
+    ExpectLoggedOnce(
+        log, 1, kConnFile,
+        "RECORD: sqlite3_exec PRAGMA cipher_default_compatibility = 3 success");
     ExpectLoggedOnce(log, 3, kConnFile,
                      "RECORD: sqlite3_exec PRAGMA synchronous = NORMAL failed:26");
     ExpectLoggedOnce(log, 3, kConnFile,
@@ -76,7 +78,8 @@ class WrongKeyTest : public testing::Test {
     EXPECT_EQ(count, -1);
     ExpectLoggedOnce(log, 3, kConnFile,
                      std::string("RECORD: sqlite3_get_table:select count(*) from t_event;"
-                                 " failed:26,") + kNotADb);
+                                 " failed:26,") +
+                         kNotADb);
     ExpectLoggedOnce(log, 3, kDbFile, "ExecuteSQL for get_item_cnt failed !");
 
     const std::string prepareFailed =
@@ -96,7 +99,8 @@ class WrongKeyTest : public testing::Test {
     EXPECT_EQ(log.Count("RECORD: ExecuteSQL: begin; SUCCESS"), 1u);
     EXPECT_EQ(log.Count(prepareFailed), 2u);
 
-    std::unique_ptr<Table> created(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> created(
+        db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
     EXPECT_EQ(created, nullptr);
 
     // SQLITE_NOTADB maps to no maintenance request: nothing is queued.
@@ -110,8 +114,8 @@ class WrongKeyTest : public testing::Test {
     EXPECT_TRUE(log.Contains("w.db-journal in read only failed on 2"));
     Report("wrongkey case=\"" + label + "\" open=" + std::to_string(opened) +
            " table_exists=" + std::to_string(exists) +
-           " get_item_cnt=" + std::to_string(count) + " get_item=" + std::to_string(read) +
-           " add_item=" + std::to_string(added) +
+           " get_item_cnt=" + std::to_string(count) +
+           " get_item=" + std::to_string(read) + " add_item=" + std::to_string(added) +
            " createTable=" + std::string(created ? "table" : "null") +
            " repair_requests=0 sqlite_code=26 error_entries=" +
            std::to_string(log.CountAtLevel(3)));
@@ -179,8 +183,8 @@ TEST_F(WrongKeyTest, ReKeyAfterAWrongKeyReportsSuccessButChangesNothing) {
   EXPECT_EQ(countWithNewKey, -1);
   EXPECT_EQ(db.UnInit(), 0);
   Report("wrongkey case=\"keyed file, other key, then reEncryptDB\" reEncryptDB=" +
-         std::to_string(rekeyed) + " file_changed=no get_item_cnt_with_new_key=" +
-         std::to_string(countWithNewKey));
+         std::to_string(rekeyed) +
+         " file_changed=no get_item_cnt_with_new_key=" + std::to_string(countWithNewKey));
   ExpectFileUntouched(MakeKey('r'));
 }
 
@@ -214,9 +218,11 @@ TEST_F(WrongKeyTest, NoRepairIsQueuedForAnyWrongKeyStatement) {
   CreateFile(MakeKey('r'));
   Db db;
   ASSERT_EQ(OpenEventDb(db, dir_.Path(), "w.db", ""), 0);
-  for (const char* sql : {"select * from t_event;", "insert into t_event(Batch) values(1);",
-                          "delete from t_event;", "create table x(a);", "VACUUM;"}) {
-    EXPECT_EQ(db.m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC), DB_ERR_EXEC) << sql;
+  for (const char* sql :
+       {"select * from t_event;", "insert into t_event(Batch) values(1);",
+        "delete from t_event;", "create table x(a);", "VACUUM;"}) {
+    EXPECT_EQ(db.m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC), DB_ERR_EXEC)
+        << sql;
   }
   EXPECT_TRUE(db.m_pDBConn->m_dqRepairItems.empty());
   EXPECT_EQ(db.UnInit(), 0);

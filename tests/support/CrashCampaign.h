@@ -56,7 +56,8 @@ class CrashWriter {
   [[noreturn]] void Run() {
     Db db;
     if (OpenEventDb(db, dir_, "crash.db", "") != 0) _exit(2);
-    std::unique_ptr<Table> table(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
     if (table == nullptr) _exit(3);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < deadline) {
@@ -83,19 +84,22 @@ class CrashWriter {
     std::vector<Event> events = MakeBatch(batch, kCrashBatchRows, 0);
     Send(CrashMessage::kAdd, CrashMessage::kStart, batch, 0, 0);
     bool ok = table->add_item(events.data(), events.size(), DbFilters(0)) == 0;
-    Send(CrashMessage::kAdd, ok ? CrashMessage::kDone : CrashMessage::kFailed, batch, 0, 0);
+    Send(CrashMessage::kAdd, ok ? CrashMessage::kDone : CrashMessage::kFailed, batch, 0,
+         0);
     if (ok) mine_.push_back(batch);
   }
 
   void Update(Table* table) {
     int32_t batch = mine_[random_() % mine_.size()];
     int32_t value = static_cast<int32_t>(random_() % 1000000) + 1;
-    DbFilters set(1, new DbFilter(schema_.value(), DB_FILTER_OP_EQ, ValueSlot(value), nullptr));
-    DbFilters where(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ, ValueSlot(batch), nullptr));
+    DbFilters set(
+        1, new DbFilter(schema_.value(), DB_FILTER_OP_EQ, ValueSlot(value), nullptr));
+    DbFilters where(
+        1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ, ValueSlot(batch), nullptr));
     Send(CrashMessage::kUpdate, CrashMessage::kStart, batch, 0, value);
     bool ok = table->update_item(set, where) == 0;
-    Send(CrashMessage::kUpdate, ok ? CrashMessage::kDone : CrashMessage::kFailed, batch, 0,
-         value);
+    Send(CrashMessage::kUpdate, ok ? CrashMessage::kDone : CrashMessage::kFailed, batch,
+         0, value);
   }
 
   // Removes the two oldest batches in the file with one two-list call.
@@ -103,13 +107,14 @@ class CrashWriter {
     int32_t first = 0;
     int32_t second = 0;
     if (!Oldest(table, 0, &first) || !Oldest(table, first, &second)) return;
-    DbFilters lists[2] = {
-        DbFilters(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ, ValueSlot(first), nullptr)),
-        DbFilters(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ, ValueSlot(second), nullptr))};
+    DbFilters lists[2] = {DbFilters(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ,
+                                                    ValueSlot(first), nullptr)),
+                          DbFilters(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ,
+                                                    ValueSlot(second), nullptr))};
     Send(CrashMessage::kRemove, CrashMessage::kStart, first, second, 0);
     bool ok = table->rmv_item(lists, 2) == 0;
-    Send(CrashMessage::kRemove, ok ? CrashMessage::kDone : CrashMessage::kFailed, first, second,
-         0);
+    Send(CrashMessage::kRemove, ok ? CrashMessage::kDone : CrashMessage::kFailed, first,
+         second, 0);
     for (int32_t gone : {first, second}) {
       for (size_t i = 0; i < mine_.size(); ++i) {
         if (mine_[i] == gone) {
@@ -123,8 +128,8 @@ class CrashWriter {
   // The smallest batch number above `above`, through get_item_min.
   bool Oldest(Table* table, int32_t above, int32_t* batch) {
     DbFilters col(1, new DbFilter(schema_.batch(), DB_FILTER_OP_EQ, nullptr, nullptr));
-    DbFilters filters(1,
-                      new DbFilter(schema_.batch(), DB_FILTER_OP_GT, ValueSlot(above), nullptr));
+    DbFilters filters(
+        1, new DbFilter(schema_.batch(), DB_FILTER_OP_GT, ValueSlot(above), nullptr));
     std::string out;
     long long result = table->get_item_min(col, filters, out);
     if (out.empty()) return false;
@@ -143,9 +148,9 @@ class CrashWriter {
 // ---- The parent ---------------------------------------------------------------
 
 struct CrashCampaignResult {
-  int kills = 0;            // children killed with SIGKILL
-  int survived = 0;         // kills after which every check held
-  long long rowsLost = 0;   // rows of finished calls missing after a kill
+  int kills = 0;           // children killed with SIGKILL
+  int survived = 0;        // kills after which every check held
+  long long rowsLost = 0;  // rows of finished calls missing after a kill
   long long callsFinished = 0;
   int cutInAdd = 0, cutInUpdate = 0, cutInRemove = 0, cutBetweenCalls = 0;
   long long finalRows = 0;
@@ -170,7 +175,8 @@ class CrashCampaign {
   void CreateTable() {
     Db db;
     ASSERT_EQ(OpenEventDb(db, dir_, "crash.db", ""), 0);
-    std::unique_ptr<Table> table(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    std::unique_ptr<Table> table(
+        db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
     ASSERT_NE(table, nullptr);
     ASSERT_EQ(db.UnInit(), 0);
   }
@@ -197,11 +203,15 @@ class CrashCampaign {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
         << "the child ended on its own with status " << status;
     ++result_.kills;
-    int failuresBefore = ::testing::UnitTest::GetInstance()->current_test_info()
-                             ->result()->total_part_count();
+    int failuresBefore = ::testing::UnitTest::GetInstance()
+                             ->current_test_info()
+                             ->result()
+                             ->total_part_count();
     Check(messages);
-    int failuresAfter = ::testing::UnitTest::GetInstance()->current_test_info()
-                            ->result()->total_part_count();
+    int failuresAfter = ::testing::UnitTest::GetInstance()
+                            ->current_test_info()
+                            ->result()
+                            ->total_part_count();
     if (failuresAfter == failuresBefore) ++result_.survived;
   }
 
@@ -211,7 +221,8 @@ class CrashCampaign {
     char buffer[4096];
     ssize_t got;
     while ((got = read(fd, buffer, sizeof(buffer))) > 0) bytes.append(buffer, got);
-    for (size_t at = 0; at + sizeof(CrashMessage) <= bytes.size(); at += sizeof(CrashMessage)) {
+    for (size_t at = 0; at + sizeof(CrashMessage) <= bytes.size();
+         at += sizeof(CrashMessage)) {
       CrashMessage message;
       std::memcpy(&message, bytes.data() + at, sizeof(message));
       messages.push_back(message);
@@ -235,9 +246,9 @@ class CrashCampaign {
     EXPECT_EQ(code, 0);
     for (int row = 1; code == 0 && row <= result.iRowCount; ++row) {
       char** cells = result.ppszResult + row * result.iColumnCount;
-      batches[std::atoi(cells[0])] = Observed{std::atoll(cells[1]), std::atoll(cells[2]),
-                                              std::atoll(cells[3]), std::atoll(cells[4]),
-                                              std::atoll(cells[5])};
+      batches[std::atoi(cells[0])] =
+          Observed{std::atoll(cells[1]), std::atoll(cells[2]), std::atoll(cells[3]),
+                   std::atoll(cells[4]), std::atoll(cells[5])};
     }
     db.m_pDBConn->FreeExecuteResult(&result);
     return batches;
@@ -252,8 +263,8 @@ class CrashCampaign {
         continue;
       }
       cut = nullptr;
-      EXPECT_EQ(message.phase, CrashMessage::kDone) << "a call failed in the child, op "
-                                                    << message.op;
+      EXPECT_EQ(message.phase, CrashMessage::kDone)
+          << "a call failed in the child, op " << message.op;
       if (message.phase != CrashMessage::kDone) continue;
       ++result_.callsFinished;
       Apply(message, &model_);
@@ -290,7 +301,8 @@ class CrashCampaign {
     const bool matchesBefore = Matches(model_, seen);
     const bool matchesAfter = Matches(withCut, seen);
     EXPECT_TRUE(matchesBefore || matchesAfter)
-        << "the file holds neither the state before the interrupted call nor the one after it";
+        << "the file holds neither the state before the interrupted call nor the one "
+           "after it";
     if (matchesAfter && !matchesBefore) model_ = withCut;
     if (!matchesBefore && !matchesAfter) {
       for (const auto& [batch, value] : model_) {
@@ -307,8 +319,12 @@ class CrashCampaign {
 
   static void Apply(const CrashMessage& message, std::map<int32_t, int32_t>* model) {
     switch (message.op) {
-      case CrashMessage::kAdd: (*model)[message.batch] = 0; break;
-      case CrashMessage::kUpdate: (*model)[message.batch] = message.value; break;
+      case CrashMessage::kAdd:
+        (*model)[message.batch] = 0;
+        break;
+      case CrashMessage::kUpdate:
+        (*model)[message.batch] = message.value;
+        break;
       case CrashMessage::kRemove:
         model->erase(message.batch);
         model->erase(message.batch2);
@@ -358,8 +374,8 @@ inline uint32_t CrashSeed() {
 // Runs `kills` kills in a fresh directory and reports the outcome.
 inline void RunCrashCampaign(const std::string& name, int kills) {
   uint32_t seed = CrashSeed();
-  std::printf("crash campaign %s: seed %u (replay with IPC_DB_CRASH_SEED=%u)\n", name.c_str(),
-              seed, seed);
+  std::printf("crash campaign %s: seed %u (replay with IPC_DB_CRASH_SEED=%u)\n",
+              name.c_str(), seed, seed);
   TempDir dir;
   auto started = std::chrono::steady_clock::now();
   CrashCampaignResult result = CrashCampaign(dir.Path(), seed).Run(kills);
@@ -373,10 +389,12 @@ inline void RunCrashCampaign(const std::string& name, int kills) {
   std::ostringstream line;
   line << "crash test=" << name << " seed=" << seed << " kills=" << result.kills
        << " survived=" << result.survived << " rows_lost=" << result.rowsLost
-       << " calls_finished=" << result.callsFinished << " cut_in_add_item=" << result.cutInAdd
+       << " calls_finished=" << result.callsFinished
+       << " cut_in_add_item=" << result.cutInAdd
        << " cut_in_update_item=" << result.cutInUpdate
        << " cut_in_rmv_item=" << result.cutInRemove
-       << " cut_between_calls=" << result.cutBetweenCalls << " rows_at_end=" << result.finalRows
+       << " cut_between_calls=" << result.cutBetweenCalls
+       << " rows_at_end=" << result.finalRows
        << " seconds=" << static_cast<int>(seconds + 0.5);
   Report(line.str());
 }

@@ -26,8 +26,8 @@
 
 namespace {
 
-constexpr size_t kWindow = 8;           // key bytes in a run that counts as a leak
-constexpr size_t kShortestSecret = 4;   // shorter keys are not looked for
+constexpr size_t kWindow = 8;          // key bytes in a run that counts as a leak
+constexpr size_t kShortestSecret = 4;  // shorter keys are not looked for
 constexpr size_t kStoredEntriesMax = 200000;
 
 struct StoredEntry {
@@ -107,7 +107,8 @@ class Guard {
       std::string run = secret.substr(start, width);
       if (run.find('\0') != std::string::npos) continue;
       for (const std::string& form : {run, HexOf(run)}) {
-        if (byLength_[form.size()].insert(form).second) (*added)[form.size()].insert(form);
+        if (byLength_[form.size()].insert(form).second)
+          (*added)[form.size()].insert(form);
       }
     }
   }

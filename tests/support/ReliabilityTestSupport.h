@@ -27,11 +27,11 @@ namespace ipc_db_test {
 
 // The record the reliability tests store.
 struct Event {
-  int32_t id;      // iId_pa: Id INTEGER PRIMARY KEY autoincrement
-  int32_t batch;   // iBatch: Batch INTEGER (the add_item call that wrote it)
-  int32_t seq;     // iSeq: Seq INTEGER (position inside that call)
-  int32_t value;   // iValue: Value INTEGER (changed by updates)
-  char text[24];   // cText: Text CHAR(24)
+  int32_t id;     // iId_pa: Id INTEGER PRIMARY KEY autoincrement
+  int32_t batch;  // iBatch: Batch INTEGER (the add_item call that wrote it)
+  int32_t seq;    // iSeq: Seq INTEGER (position inside that call)
+  int32_t value;  // iValue: Value INTEGER (changed by updates)
+  char text[24];  // cText: Text CHAR(24)
 };
 
 // Schema description of Event as table t_event, with plain column names
@@ -125,7 +125,8 @@ inline long long CountRowsDirectly(const std::string& path, const std::string& k
   sqlite3* db = nullptr;
   long long count = -1;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-      (key.empty() || sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
+      (key.empty() ||
+       sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(db, "select count(*) from t_event;", -1, &stmt, nullptr) ==
             SQLITE_OK &&
