@@ -109,8 +109,10 @@ class SharedDbWorker {
     DbFilters none(0);
     DbFilters mine(
         1, new DbFilter(schema_->batch(), DB_FILTER_OP_EQ, ValueSlot(index_), nullptr));
+    // Room for one row more than written, and a limit to match, so that an
+    // extra row is seen (and reported) rather than written past the array.
     std::vector<Event> out(static_cast<size_t>(tally_.rowsWritten) + 1);
-    unsigned long long itemcnt = 0;
+    unsigned long long itemcnt = out.size();
     ASSERT_EQ(table_->get_item(none, mine, itemcnt, out.data()), 0);
     EXPECT_EQ(itemcnt, static_cast<unsigned long long>(tally_.rowsWritten));
     for (unsigned long long i = 0; i < itemcnt; ++i) {
