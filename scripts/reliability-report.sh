@@ -12,14 +12,15 @@ host_log=build/default/Testing/Temporary/LastTest.log
 out=docs/reliability.md
 mkdir -p docs
 
-lines() { grep -ohP "^\[reliability\] $1 \K.*" "$host_log" 2>/dev/null; }
+lines() { grep -ohP "^\[reliability\] $1 \K.*" "$host_log" 2>/dev/null | sort; }
 # Value of key=value or key="value" in a report line.
 kv() { grep -oP "(^| )$2=\K(\"[^\"]*\"|[^ ]+)" <<<"$1" | head -1 | tr -d '"'; }
 sum() { awk '{ s += $1 } END { print s + 0 }'; }
 ctest_summary() { grep -hE 'tests passed, [0-9]+ tests failed out of' "$1" 2>/dev/null | tail -1; }
 
-host_passed=$(grep -c '^Test Passed\.' "$host_log" 2>/dev/null)
-host_failed=$(grep -c '^Test Failed\.' "$host_log" 2>/dev/null)
+host_total=$(grep -cE '^[0-9]+/[0-9]+ Testing:' "$host_log" 2>/dev/null)
+host_failed=$(grep -c '^Test Failed' "$host_log" 2>/dev/null)
+host_passed=$((host_total - host_failed))
 asan_summary=$(ctest_summary "$logs/asan.log")
 tsan_passed=$(grep -oP '^\[  PASSED  \] \K[0-9]+' "$logs/tsan.log" 2>/dev/null | head -1)
 tsan_failed=$(grep -oP '^\[  FAILED  \] \K[0-9]+(?= tests?, listed)' "$logs/tsan.log" 2>/dev/null | head -1)
@@ -107,8 +108,9 @@ failed_stages=$(grep -v '^$' "$logs/failed-stages" 2>/dev/null | paste -sd, -)
   echo "  rows before the damage and cannot tell that more were there."
   echo "- The repair tool is given no key. On a keyed file it dumps nothing and the empty result"
   echo "  replaces the database: every row is lost, including the rows that were still readable."
-  echo "  The same happens to a plain file whose header is garbage. Only call \`RepairDB\` on a plain"
-  echo "  file, and keep a copy first."
+  echo "  The same happens to a plain file whose header is garbage. The empty file opens as an empty"
+  echo "  database, which is why \`integrity_check\` says ok. Only call \`RepairDB\` on a plain file,"
+  echo "  and keep a copy first."
   echo
 
   echo "## Wrong keys"
