@@ -404,6 +404,25 @@ void CountWithEveryEntryShown(Table* events) {
 }
 // [/guide:log_sink]
 
+// [guide:text_check]
+// True when `text` may go into a text field of `fieldSize` bytes, or into a
+// filter on one: it ends inside the field (the library reads one byte past a
+// field that holds no zero byte), holds no single quote (texts are quoted,
+// never escaped) and no control character.
+bool IsStorableText(const char* text, size_t fieldSize) {
+  size_t length = strnlen(text, fieldSize);
+  if (length == fieldSize) return false;  // no zero byte inside the field
+  for (size_t i = 0; i < length; ++i) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == '\'' || c < 0x20 || c == 0x7F) return false;
+  }
+  return true;
+}
+
+// Before every insert or filter with a text that comes from outside:
+//   if (!IsStorableText(event.text, sizeof(event.text))) return kRefused;
+// [/guide:text_check]
+
 namespace {
 
 std::string ScratchDirectory(const char* argument) {
@@ -436,6 +455,18 @@ void RunTableSnippets(Db& db) {
   delete events;
 }
 
+void TextChecks() {
+  Event event = {};
+  std::strcpy(event.text, "front door");
+  Check(IsStorableText(event.text, sizeof(event.text)), "a plain text may be stored");
+  std::strcpy(event.text, "x' or '1'='1");
+  Check(!IsStorableText(event.text, sizeof(event.text)),
+        "a text with a quote is refused");
+  std::memset(event.text, 'a', sizeof(event.text));
+  Check(!IsStorableText(event.text, sizeof(event.text)),
+        "a text without a zero byte in its field is refused");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -466,6 +497,7 @@ int main(int argc, char** argv) {
         "17 rows readable with the new key");
   again.UnInit();
 
+  TextChecks();
   std::printf("%s: %d failed\n", g_failures == 0 ? "all snippets ran" : "snippets FAILED",
               g_failures);
   return g_failures == 0 ? 0 : 1;

@@ -8,10 +8,8 @@ set -euo pipefail
 # qemu-arm, so the cross compiler and the emulator are always needed; the
 # armhf libraries come from scripts/make-armhf-sysroot.sh.
 packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev
-          g++-arm-linux-gnueabihf qemu-user)
-if [[ "${1:-}" == "--all" ]]; then
-  packages+=(libbenchmark-dev valgrind clang libclang-rt-14-dev)
-fi
+          g++-arm-linux-gnueabihf qemu-user
+          libbenchmark-dev valgrind clang libclang-rt-14-dev)
 
 missing=()
 for package in "${packages[@]}"; do

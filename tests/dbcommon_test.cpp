@@ -260,9 +260,12 @@ TEST(ExecShell, TimeOutReturnsAfterAboutTheLimitAndLeavesTheChildRunning) {
   pid_t child = children[0];
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "child already ended";
-  // The shell may run the command as a process of its own: end that first.
-  for (pid_t grandchild : ChildrenOf(child, "sleep")) kill(grandchild, SIGKILL);
+  // The shell may run the command as a process of its own. End the shell
+  // first: ended first, that process would let the shell exit on its own
+  // before the signal reaches it.
+  std::vector<pid_t> grandchildren = ChildrenOf(child, "sleep");
   ASSERT_EQ(kill(child, SIGKILL), 0);
+  for (pid_t grandchild : grandchildren) kill(grandchild, SIGKILL);
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGKILL);

@@ -343,6 +343,7 @@ TEST_F(InsertTest, FailingRecordLeavesTheTransactionOpen) {
   EXPECT_EQ(sqlite3_get_autocommit(Handle()), 0);
 
   // Closing discards the open transaction with everything inside it.
+  sql.Detach();  // the capture must not outlive the handle it traces
   ASSERT_EQ(db_.CloseDB(), 0);
   ASSERT_EQ(db_.OpenDB(), 0);
   EXPECT_TRUE(AllRows().empty());

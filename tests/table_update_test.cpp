@@ -474,6 +474,7 @@ TEST_F(UpdateTest, FailingDeleteLeavesTheTransactionOpen) {
   ExpectLoggedOnce(log, 3, kDbLogFile, "ExecuteSQL for begin failed!error:-204\n");
 
   // Closing discards the open transaction: the first delete is undone.
+  sql.Detach();  // the capture must not outlive the handle it traces
   ASSERT_EQ(db_.CloseDB(), 0);
   ASSERT_EQ(db_.OpenDB(), 0);
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"2", "20"}, {"3", "30"}}));
