@@ -27,7 +27,8 @@ void CountLibrary(benchmark::State& state) {
   });
   for (auto _ : state) {
     long long count = 0;
-    if (!LibraryCount(fixture.db.table(), &fixture.queries, &count) || count != ExpectedCount(rows)) {
+    if (!LibraryCount(fixture.db.table(), &fixture.queries, &count) ||
+        count != ExpectedCount(rows)) {
       state.SkipWithError("get_item_cnt failed or counted wrong");
       break;
     }
@@ -60,7 +61,8 @@ void MaxLibrary(benchmark::State& state) {
   std::string text;
   for (auto _ : state) {
     long long max = 0;
-    if (!LibraryMax(fixture.db.table(), &fixture.queries, &max, &text) || max != ExpectedMax(rows)) {
+    if (!LibraryMax(fixture.db.table(), &fixture.queries, &max, &text) ||
+        max != ExpectedMax(rows)) {
       state.SkipWithError("get_item_max failed or answered wrong");
       break;
     }
@@ -86,10 +88,10 @@ void MaxRaw(benchmark::State& state) {
 }
 
 void RegisterAll() {
-  for (auto* bench : {RegisterSide("count", "library", CountLibrary),
-                      RegisterSide("count", "raw", CountRaw),
-                      RegisterSide("max", "library", MaxLibrary),
-                      RegisterSide("max", "raw", MaxRaw)}) {
+  for (auto* bench :
+       {RegisterSide("count", "library", CountLibrary),
+        RegisterSide("count", "raw", CountRaw),
+        RegisterSide("max", "library", MaxLibrary), RegisterSide("max", "raw", MaxRaw)}) {
     bench->Arg(32)->Arg(1000)->Arg(10000);
   }
 }

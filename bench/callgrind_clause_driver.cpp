@@ -14,13 +14,15 @@
 
 using namespace ipc_db_bench;
 
-extern "C" __attribute__((noinline)) bool MeasuredSection(const std::function<bool()>* run) {
+extern "C" __attribute__((noinline)) bool MeasuredSection(
+    const std::function<bool()>* run) {
   return (*run)();
 }
 
 int main(int argc, char** argv) {
   if (argc != 3) {
-    std::fprintf(stderr, "usage: %s filter_clause/library|filter_clause/raw <N>\n", argv[0]);
+    std::fprintf(stderr, "usage: %s filter_clause/library|filter_clause/raw <N>\n",
+                 argv[0]);
     return 2;
   }
   std::string name = argv[1];

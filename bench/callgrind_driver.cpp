@@ -21,7 +21,8 @@
 using namespace ipc_db_bench;
 
 // Kept out of line under a plain C name so that callgrind can find it.
-extern "C" __attribute__((noinline)) bool MeasuredSection(const std::function<bool()>* run) {
+extern "C" __attribute__((noinline)) bool MeasuredSection(
+    const std::function<bool()>* run) {
   return (*run)();
 }
 

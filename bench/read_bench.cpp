@@ -29,7 +29,8 @@ bool LibraryRead(ReadKind kind, Table* table, ReadQueries* queries,
     case ReadKind::kFiltered:
       return LibraryReadFiltered(table, queries, out->data(), rows);
     case ReadKind::kColumns:
-      return LibraryReadColumns(table, queries, reinterpret_cast<char*>(out->data()), rows);
+      return LibraryReadColumns(table, queries, reinterpret_cast<char*>(out->data()),
+                                rows);
   }
   return false;
 }

@@ -4,10 +4,12 @@
 # mirror that is syncing): the other indexes are still usable.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev libbenchmark-dev)
-if [[ "${1:-}" == "--all" ]]; then
-  packages+=(g++-arm-linux-gnueabihf qemu-user valgrind clang libclang-rt-14-dev python3)
-fi
+# The test command also cross-builds for 32-bit ARM and runs that suite under
+# qemu-arm, so the cross compiler and the emulator are always needed; the
+# armhf libraries come from scripts/make-armhf-sysroot.sh.
+packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev
+          g++-arm-linux-gnueabihf qemu-user
+          libbenchmark-dev valgrind clang libclang-rt-14-dev python3)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -135,7 +135,8 @@ TEST_F(FilterTest, OperatorsFourteenAndAboveRenderOneBlank) {
 TEST_F(FilterTest, AndLimitAndOffsetDoNotReadTheMember) {
   EXPECT_EQ(Render(nullptr, DB_FILTER_OP_AND, nullptr, nullptr, false), " and ");
   EXPECT_EQ(Render(nullptr, DB_FILTER_OP_LIMIT, IntSlot(5), nullptr, true), "limit 5");
-  EXPECT_EQ(Render(nullptr, DB_FILTER_OP_OFFSET, IntSlot(10), nullptr, true), "offset 10");
+  EXPECT_EQ(Render(nullptr, DB_FILTER_OP_OFFSET, IntSlot(10), nullptr, true),
+            "offset 10");
 }
 
 TEST_F(FilterTest, LimitAndOffsetCarryTheirNumberForAnyMember) {
@@ -305,7 +306,8 @@ TEST_F(FilterTest, AnalyzedRenderingUsesGetFilterName) {
   Member oddName("Xvalue_q", 0, &types_.int4);
   oddName.sql_type = "INTEGER";
   EXPECT_EQ(Render(&oddName, DB_FILTER_OP_EQ, IntSlot(1), nullptr, true), "value = 1");
-  EXPECT_EQ(Render(&oddName, DB_FILTER_OP_EQ, IntSlot(1), nullptr, false), "Xvalue_q = 1");
+  EXPECT_EQ(Render(&oddName, DB_FILTER_OP_EQ, IntSlot(1), nullptr, false),
+            "Xvalue_q = 1");
 }
 
 TEST_F(FilterTest, ConstructorStoresTheFourFields) {

@@ -40,7 +40,8 @@ class InsertTest : public DbTest {
   }
 
   Rows AllRows() {
-    return Query("select iId_pa, iAge, cName, tNote, hex(bData) from t_person order by iId_pa");
+    return Query(
+        "select iId_pa, iAge, cName, tNote, hex(bData) from t_person order by iId_pa");
   }
 
   Meta meta_;
@@ -86,8 +87,8 @@ TEST_F(InsertTest, OneRecordRunsNoTransactionStatement) {
   SqlCapture sql(Handle());
   LogCapture log;
   ASSERT_EQ(table_->add_item(&person, 1, all_), 0);
-  EXPECT_EQ(sql.Statements(),
-            std::vector<std::string>{std::string(kAllColumns) + "7,30,'bob','hello',?);"});
+  EXPECT_EQ(sql.Statements(), std::vector<std::string>{std::string(kAllColumns) +
+                                                       "7,30,'bob','hello',?);"});
   EXPECT_FALSE(log.Contains("Table::begin"));
   EXPECT_FALSE(log.Contains("Table::end"));
   EXPECT_EQ(AllRows(), (Rows{{"7", "30", "bob", "hello", "1011121314151617"}}));
@@ -100,10 +101,10 @@ TEST_F(InsertTest, SeveralRecordsRunInOneTransaction) {
   LogCapture log;
   ASSERT_EQ(table_->add_item(people, 3, all_), 0);
   EXPECT_EQ(sql.Statements(),
-            (std::vector<std::string>{"begin;", std::string(kAllColumns) + "1,10,'a','x',?);",
-                                      std::string(kAllColumns) + "2,20,'b','y',?);",
-                                      std::string(kAllColumns) + "3,30,'c','z',?);",
-                                      "commit;"}));
+            (std::vector<std::string>{
+                "begin;", std::string(kAllColumns) + "1,10,'a','x',?);",
+                std::string(kAllColumns) + "2,20,'b','y',?);",
+                std::string(kAllColumns) + "3,30,'c','z',?);", "commit;"}));
   ExpectLoggedOnce(log, 0, kDbLogFile, " Table::begin = begin;");
   ExpectLoggedOnce(log, 0, kDbLogFile, " Table::end = commit;");
   EXPECT_EQ(AllRows(), (Rows{{"1", "10", "a", "x", "0001020304050607"},
@@ -137,8 +138,9 @@ TEST_F(InsertTest, ZeroInOtherIntegerColumnsIsWrittenAsZero) {
   };
   // An autoincrement column that is no key cannot be created; the table is
   // made by hand and the description only supplies the flags.
-  Exec("create table t_zero(iKey_p INTEGER PRIMARY KEY, iCounter_a INTEGER, iPlain "
-       "INTEGER);");
+  Exec(
+      "create table t_zero(iKey_p INTEGER PRIMARY KEY, iCounter_a INTEGER, iPlain "
+      "INTEGER);");
   Meta meta;
   meta.Init("t_zero", sizeof(Row));
   meta.AddMember(new Member("iKey_p", offsetof(Row, key), &types_.int4));
@@ -149,8 +151,9 @@ TEST_F(InsertTest, ZeroInOtherIntegerColumnsIsWrittenAsZero) {
   Row row = {0, 0, 0};
   SqlCapture sql(Handle());
   ASSERT_EQ(table->add_item(&row, 1, all_), 0);
-  EXPECT_EQ(sql.Statements(), std::vector<std::string>{
-                                  "insert into t_zero(iKey_p,iCounter_a,iPlain) values (0,0,0);"});
+  EXPECT_EQ(sql.Statements(),
+            std::vector<std::string>{
+                "insert into t_zero(iKey_p,iCounter_a,iPlain) values (0,0,0);"});
 }
 
 TEST_F(InsertTest, NegativeIntegersAreWrittenInDecimal) {
@@ -237,7 +240,8 @@ TEST_F(InsertTest, DerivedColumnNames) {
   EXPECT_EQ(sql.Statements(),
             std::vector<std::string>{
                 "insert into t_plain(Id,Age,Name,Note,Data) values (NULL,3,'p','q',?);"});
-  EXPECT_EQ(Query("select Id, Age, Name, Note from t_plain"), (Rows{{"1", "3", "p", "q"}}));
+  EXPECT_EQ(Query("select Id, Age, Name, Note from t_plain"),
+            (Rows{{"1", "3", "p", "q"}}));
 }
 
 TEST_F(InsertTest, EightByteIntegerMemberIsWrittenFromItsFirstFourBytes) {
@@ -252,10 +256,9 @@ TEST_F(InsertTest, EightByteIntegerMemberIsWrittenFromItsFirstFourBytes) {
   Row rows[2] = {{(1LL << 32) + 5}, {-1}};
   SqlCapture sql(Handle());
   ASSERT_EQ(table->add_item(rows, 2, all_), 0);
-  EXPECT_EQ(sql.Statements(), (std::vector<std::string>{"begin;",
-                                                        "insert into t_big(iBig) values (5);",
-                                                        "insert into t_big(iBig) values (-1);",
-                                                        "commit;"}));
+  EXPECT_EQ(sql.Statements(), (std::vector<std::string>{
+                                  "begin;", "insert into t_big(iBig) values (5);",
+                                  "insert into t_big(iBig) values (-1);", "commit;"}));
   EXPECT_EQ(Query("select iBig from t_big"), (Rows{{"5"}, {"-1"}}));
 }
 
@@ -307,9 +310,10 @@ TEST_F(InsertTest, StepFailureIsLogged) {
   EXPECT_EQ(table_->add_item(&person, 1, all_), -1);
   // A statement from the legacy sqlite3_prepare reports the generic code
   // and message from its step; the precise cause comes with finalize.
-  ExpectLoggedOnce(log, 3, kDbLogFile,
-                   "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
-                   "database!!\n");
+  ExpectLoggedOnce(
+      log, 3, kDbLogFile,
+      "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
+      "database!!\n");
   EXPECT_EQ(Query("select count(*) from t_person"), (Rows{{"1"}}));
 }
 
@@ -320,7 +324,8 @@ TEST_F(InsertTest, FailingRecordLeavesTheTransactionOpen) {
   EXPECT_EQ(table_->add_item(people, 3, all_), -1);
   // begin and the first insert ran; no commit and no rollback.
   EXPECT_EQ(sql.Statements(),
-            (std::vector<std::string>{"begin;", std::string(kAllColumns) + "1,10,'a','x',?);"}));
+            (std::vector<std::string>{"begin;",
+                                      std::string(kAllColumns) + "1,10,'a','x',?);"}));
   EXPECT_EQ(sqlite3_get_autocommit(Handle()), 0);
   EXPECT_EQ(Query("select iId_pa from t_person"), (Rows{{"1"}}));
 
@@ -338,6 +343,7 @@ TEST_F(InsertTest, FailingRecordLeavesTheTransactionOpen) {
   EXPECT_EQ(sqlite3_get_autocommit(Handle()), 0);
 
   // Closing discards the open transaction with everything inside it.
+  sql.Detach();  // the capture must not outlive the handle it traces
   ASSERT_EQ(db_.CloseDB(), 0);
   ASSERT_EQ(db_.OpenDB(), 0);
   EXPECT_TRUE(AllRows().empty());
@@ -364,8 +370,9 @@ TEST_F(InsertTest, CommitFailureIsLogged) {
   };
   Exec("PRAGMA foreign_keys = ON;");
   Exec("create table t_parent(id INTEGER PRIMARY KEY);");
-  Exec("create table t_child(iParent INTEGER REFERENCES t_parent(id) DEFERRABLE "
-       "INITIALLY DEFERRED);");
+  Exec(
+      "create table t_child(iParent INTEGER REFERENCES t_parent(id) DEFERRABLE "
+      "INITIALLY DEFERRED);");
   Meta meta;
   meta.Init("t_child", sizeof(Child));
   meta.AddMember(new Member("iParent", 0, &types_.int4));

@@ -117,7 +117,8 @@ void RawFill(sqlite3* db, const std::vector<BenchRecord>& records) {
   }
   for (const BenchRecord& record : records) {
     RawBindRecord(stmt, record);
-    if (sqlite3_step(stmt) != SQLITE_DONE) Fatal(std::string("fill: ") + sqlite3_errmsg(db));
+    if (sqlite3_step(stmt) != SQLITE_DONE)
+      Fatal(std::string("fill: ") + sqlite3_errmsg(db));
     sqlite3_reset(stmt);
   }
   sqlite3_finalize(stmt);
@@ -132,10 +133,11 @@ int RawInsertSql(char* buffer, size_t size, const BenchRecord& record) {
                            "(NULL,%d,%d,%d,'%.32s',?);",
                            record.time, record.kind, record.value, record.name);
   } else {
-    length = std::snprintf(buffer, size,
-                           "insert into t_event(Id,Time,Kind,Value,Name,Data) values "
-                           "(%d,%d,%d,%d,'%.32s',?);",
-                           record.id, record.time, record.kind, record.value, record.name);
+    length =
+        std::snprintf(buffer, size,
+                      "insert into t_event(Id,Time,Kind,Value,Name,Data) values "
+                      "(%d,%d,%d,%d,'%.32s',?);",
+                      record.id, record.time, record.kind, record.value, record.name);
   }
   return length >= 0 && static_cast<size_t>(length) < size ? length : -1;
 }

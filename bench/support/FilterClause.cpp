@@ -32,7 +32,8 @@ FiveTerms::FiveTerms(BenchSchema* schema) : table(nullptr, PreparedRecord(schema
   std::memcpy(pattern, kPattern, sizeof(kPattern));
   filters.add_filter(
       new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr));
-  filters.add_filter(new DbFilter(schema->time, DB_FILTER_OP_GE, SlotOf(kFromTime), nullptr));
+  filters.add_filter(
+      new DbFilter(schema->time, DB_FILTER_OP_GE, SlotOf(kFromTime), nullptr));
   filters.add_filter(new DbFilter(schema->name, DB_FILTER_OP_LIKE, pattern, nullptr));
   filters.add_filter(
       new DbFilter(schema->time, DB_FILTER_OP_ORDER_BY_DESC, nullptr, nullptr));

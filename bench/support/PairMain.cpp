@@ -71,7 +71,8 @@ class RatioReporter : public benchmark::BenchmarkReporter {
       for (const Run& run : group) {
         RunKey key;
         std::string side;
-        if (IsComparable(run) && KeyOf(run, &key, &side)) rowsBySide[key][side] = RowsOf(run);
+        if (IsComparable(run) && KeyOf(run, &key, &side))
+          rowsBySide[key][side] = RowsOf(run);
       }
     }
     for (auto& group : groups_) {

@@ -31,8 +31,8 @@ bool RunInsertText(sqlite3* db, const char* sql, const BenchRecord& record) {
     sqlite3_finalize(stmt);
     return false;
   }
-  bool ok = sqlite3_bind_blob(stmt, 1, record.data, sizeof(record.data), nullptr) ==
-            SQLITE_OK;
+  bool ok =
+      sqlite3_bind_blob(stmt, 1, record.data, sizeof(record.data), nullptr) == SQLITE_OK;
   if (ok) {
     int code = sqlite3_step(stmt);
     ok = code == SQLITE_DONE || code == SQLITE_OK;
@@ -124,14 +124,17 @@ bool RawInsertBound(sqlite3* db, const std::vector<BenchRecord>& records) {
 
 ReadQueries::ReadQueries(BenchSchema* schema)
     : none(),
-      kindAndTime(2, new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr),
-                  new DbFilter(schema->time, DB_FILTER_OP_GE, SlotOf(kFromTime), nullptr)),
-      kindOnly(1, new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr)),
+      kindAndTime(
+          2, new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr),
+          new DbFilter(schema->time, DB_FILTER_OP_GE, SlotOf(kFromTime), nullptr)),
+      kindOnly(
+          1, new DbFilter(schema->kind, DB_FILTER_OP_EQ, SlotOf(kSelectedKind), nullptr)),
       idAndName(2, new DbFilter(schema->id, DB_FILTER_OP_EQ, nullptr, nullptr),
                 new DbFilter(schema->name, DB_FILTER_OP_EQ, nullptr, nullptr)),
       timeColumn(1, new DbFilter(schema->time, DB_FILTER_OP_EQ, nullptr, nullptr)) {}
 
-bool LibraryReadAll(Table* table, ReadQueries* queries, BenchRecord* out, uint64_t* rows) {
+bool LibraryReadAll(Table* table, ReadQueries* queries, BenchRecord* out,
+                    uint64_t* rows) {
   unsigned long long count = 0;
   bool ok = table->get_item(queries->none, queries->none, count, out) == 0;
   *rows = count;

@@ -61,6 +61,13 @@ bool RunPragma(sqlite3* db, const char* sql, const char* label) {
   return true;
 }
 
+// sqlite3_open hands back a handle even when it fails; release it so that
+// the connection is left without a handle.
+void ReleaseFailedHandle(sqlite3** handle) {
+  sqlite3_close(*handle);
+  *handle = nullptr;
+}
+
 // Mode text that follows "PRAGMA journal_mode = ", or null for an unknown type.
 const char* JournalModeText(DB_JOURNAL_TYPE type) {
   switch (type) {
@@ -174,6 +181,7 @@ long long CSqliteDBConn::OpenConnection() {
   int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(), code);
+    ReleaseFailedHandle(&m_pSqliteDB);
     m_mutexConn.Unlock();
     return DB_ERR_OPEN;
   }
@@ -263,6 +271,7 @@ long long CSqliteDBConn::ResumeConnection() {
   int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3_open failed:%d", code);
+    ReleaseFailedHandle(&m_pSqliteDB);
     m_bPaused = 0;
     return DB_ERR_OPEN;
   }

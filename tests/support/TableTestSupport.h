@@ -45,11 +45,11 @@ struct ScalarTypes {
 
 // The record most tests store: five columns of the four kinds.
 struct Person {
-  int32_t id;              // iId_pa: INTEGER PRIMARY KEY autoincrement
-  int32_t age;             // iAge: INTEGER
-  char name[8];            // cName: CHAR(8)
-  char note[16];           // tNote: TEXT
-  unsigned char data[8];   // bData: BLOB
+  int32_t id;             // iId_pa: INTEGER PRIMARY KEY autoincrement
+  int32_t age;            // iAge: INTEGER
+  char name[8];           // cName: CHAR(8)
+  char note[16];          // tNote: TEXT
+  unsigned char data[8];  // bData: BLOB
 };
 
 inline Person MakePerson(int32_t id, int32_t age, const char* name, const char* note,

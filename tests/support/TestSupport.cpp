@@ -86,8 +86,11 @@ SqlCapture::SqlCapture(sqlite3* db) : db_(db) {
   sqlite3_trace_v2(db_, SQLITE_TRACE_STMT, &SqlCapture::Trace, this);
 }
 
-SqlCapture::~SqlCapture() {
+SqlCapture::~SqlCapture() { Detach(); }
+
+void SqlCapture::Detach() {
   if (db_ != nullptr) sqlite3_trace_v2(db_, 0, nullptr, nullptr);
+  db_ = nullptr;
 }
 
 int SqlCapture::Trace(unsigned int type, void* ctx, void*, void* x) {

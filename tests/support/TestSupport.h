@@ -70,6 +70,9 @@ class SqlCapture {
   std::vector<std::string> Statements() const;
   void Clear();
   size_t Count(const std::string& sql) const;
+  // Stops recording and lets go of the handle, keeping what was recorded.
+  // Call it before the handle is closed when the capture lives on.
+  void Detach();
 
  private:
   static int Trace(unsigned int type, void* ctx, void* p, void* x);

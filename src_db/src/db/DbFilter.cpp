@@ -91,13 +91,20 @@ void AppendInList(std::string* out, const DbFilter& term, std::string_view colum
 
 const char* ComparisonText(DbFilterOperator op) {
   switch (op) {
-    case DB_FILTER_OP_EQ: return " = ";
-    case DB_FILTER_OP_NE: return " <> ";
-    case DB_FILTER_OP_LT: return " < ";
-    case DB_FILTER_OP_GT: return " > ";
-    case DB_FILTER_OP_LE: return " <= ";
-    case DB_FILTER_OP_GE: return " >= ";
-    default: return nullptr;
+    case DB_FILTER_OP_EQ:
+      return " = ";
+    case DB_FILTER_OP_NE:
+      return " <> ";
+    case DB_FILTER_OP_LT:
+      return " < ";
+    case DB_FILTER_OP_GT:
+      return " > ";
+    case DB_FILTER_OP_LE:
+      return " <= ";
+    case DB_FILTER_OP_GE:
+      return " >= ";
+    default:
+      return nullptr;
   }
 }
 
@@ -135,8 +142,12 @@ void AppendTerm(const DbFilter& term, std::string_view column, std::string* out)
     return;
   }
   switch (term.op) {
-    case DB_FILTER_OP_AND: out->append(" and "); return;
-    case DB_FILTER_OP_ORDER_BY: out->append("order by ").append(column); return;
+    case DB_FILTER_OP_AND:
+      out->append(" and ");
+      return;
+    case DB_FILTER_OP_ORDER_BY:
+      out->append("order by ").append(column);
+      return;
     case DB_FILTER_OP_ORDER_BY_DESC:
       out->append("order by ").append(column).append(" DESC ");
       return;
@@ -148,13 +159,19 @@ void AppendTerm(const DbFilter& term, std::string_view column, std::string* out)
       out->append("offset ");
       AppendDecimal(out, SlotInt(term.value1));
       return;
-    case DB_FILTER_OP_BETWEEN: AppendBetween(out, term, column); return;
+    case DB_FILTER_OP_BETWEEN:
+      AppendBetween(out, term, column);
+      return;
     case DB_FILTER_OP_LIKE:
       out->append(column).append(" like ");
       AppendQuoted(out, term.value1, FieldWidth(term.member));
       return;
-    case DB_FILTER_OP_IN: AppendInList(out, term, column); return;
-    default: out->append(" "); return;
+    case DB_FILTER_OP_IN:
+      AppendInList(out, term, column);
+      return;
+    default:
+      out->append(" ");
+      return;
   }
 }
 
@@ -173,7 +190,8 @@ std::string_view FilterNameOf(const std::string& name) {
 // member's name as it stands, or the part getFilterName derives from it.
 std::string_view ColumnOf(const DbFilter& term, bool derivedName) {
   if (!NamesColumn(term.op)) return std::string_view();
-  return derivedName ? FilterNameOf(term.member->name) : std::string_view(term.member->name);
+  return derivedName ? FilterNameOf(term.member->name)
+                     : std::string_view(term.member->name);
 }
 
 }  // namespace

@@ -28,8 +28,9 @@ inline int32_t SlotInt(const void* slot) {
 inline void AppendFieldChars(std::string* out, const char* field, size_t width) {
   if (field == nullptr) return;
   const void* zero = std::memchr(field, '\0', width + 1);
-  size_t length = zero != nullptr ? static_cast<size_t>(static_cast<const char*>(zero) - field)
-                                  : width + 1;
+  size_t length = zero != nullptr
+                      ? static_cast<size_t>(static_cast<const char*>(zero) - field)
+                      : width + 1;
   out->append(field, length);
 }
 

@@ -15,7 +15,9 @@
 
 using ipc_db::detail::AppendFieldChars;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::CheckConnection;
 using ipc_db::detail::ColumnName;
+using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
@@ -24,31 +26,9 @@ using ipc_db::detail::TableHandle;
 
 namespace {
 
-// Same name (same length, same bytes) and same field width.
-bool SameColumn(const Member* a, const Member* b) {
-  return a->name == b->name && a->type_meta->type_size == b->type_meta->type_size;
-}
-
-bool MatchesSomeMember(const Meta* meta, const Member* member) {
-  for (const Member* candidate : meta->members) {
-    if (SameColumn(candidate, member)) return true;
-  }
-  return false;
-}
-
-bool FiltersMatchMeta(const Meta* meta, const DbFilters& filters) {
-  for (const DbFilter* term : filters.filters) {
-    if (!MatchesSomeMember(meta, term->member)) return false;
-  }
-  return true;
-}
-
 bool CheckArguments(const Table& table, const void* obj, unsigned long long itemcnt,
                     const DbFilters& filters) {
-  if (table.parent->m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-    return false;
-  }
+  if (!CheckConnection(table)) return false;
   if (itemcnt == 0) {
     DB_LOG(kLogError, "itemcnt values is wrong.\n");
     return false;
@@ -61,7 +41,8 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
     DB_LOG(kLogError, "members is null\n");
     return false;
   }
-  if (!filters.filters.empty() && !FiltersMatchMeta(table.meta_data, filters)) {
+  if (!filters.filters.empty() &&
+      !EveryMemberMatches(SelectedMembers(table, filters), table.meta_data->members)) {
     DB_LOG(kLogError, "filter doesn't match meta_data");
     return false;
   }
@@ -107,8 +88,9 @@ void AppendValue(std::string* sql, const Member* member, const char* field,
 }
 
 // One insert statement for the record at `record`.
-std::string InsertStatement(const std::string& prefix, const std::vector<Member*>& columns,
-                            const char* record, BoundBlob* blob) {
+std::string InsertStatement(const std::string& prefix,
+                            const std::vector<Member*>& columns, const char* record,
+                            BoundBlob* blob) {
   std::string sql = prefix;
   for (size_t i = 0; i < columns.size(); ++i) {
     if (i > 0) sql.push_back(',');

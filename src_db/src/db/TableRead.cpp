@@ -10,6 +10,7 @@
 #include "DBConn.h"
 #include "db/TableSql.h"
 
+using ipc_db::detail::CheckConnection;
 using ipc_db::detail::ColumnKind;
 using ipc_db::detail::CopyColumn;
 using ipc_db::detail::KindOf;
@@ -44,10 +45,7 @@ std::vector<ColumnTarget> PlanTargets(const std::vector<Member*>& members, bool 
 
 long long Table::get_item(DbFilters& cols, DbFilters& filters,
                           unsigned long long& itemcnt, void* obj) {
-  if (parent->m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-    return -1;
-  }
+  if (!CheckConnection(*this)) return -1;
   if (obj == nullptr) {
     DB_LOG(kLogError, "vecOutRows is null.\n");
     return -1;

@@ -11,10 +11,11 @@
 #include <vector>
 
 #include "DBConn.h"
-#include "bounded_mem.h"
 #include "db/TableSql.h"
 
+using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CopyColumn;
+using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::KindOf;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunSelect;
@@ -22,37 +23,15 @@ using ipc_db::detail::SelectedMembers;
 
 namespace {
 
-bool SameColumn(const Member* a, const Member* b) {
-  return a->name == b->name && a->type_meta->type_size == b->type_meta->type_size;
-}
-
-// True when every member of `layout` matches, by name and width, one of
-// `columns`.
-bool LayoutMatches(const std::vector<Member*>& layout,
-                   const std::vector<Member*>& columns) {
-  for (const Member* wanted : layout) {
-    bool found = false;
-    for (const Member* column : columns) found = found || SameColumn(wanted, column);
-    if (!found) return false;
-  }
-  return true;
-}
-
 // Checks the layout against the selected columns, logging a mismatch.
 bool CheckLayoutMatch(const Table& table, const DbFilters& cols,
                       const std::vector<Member*>& layout) {
-  if (LayoutMatches(layout, SelectedMembers(table, cols))) return true;
+  if (EveryMemberMatches(layout, SelectedMembers(table, cols))) return true;
   if (cols.filters.empty()) {
     DB_LOG(kLogError, "userMeta_data doesn't match meta_data");
   } else {
     DB_LOG(kLogError, "userMeta_data doesn't match obj1");
   }
-  return false;
-}
-
-bool CheckConnection(const Table& table) {
-  if (table.parent->m_pDBConn != nullptr) return true;
-  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
   return false;
 }
 
@@ -120,7 +99,9 @@ class ScratchRecord {
     return data_;
   }
   // The text from the first byte up to the first zero byte within `bound`.
-  std::string Text(size_t bound) const { return std::string(data_, strnlen(data_, bound)); }
+  std::string Text(size_t bound) const {
+    return std::string(data_, strnlen(data_, bound));
+  }
 
  private:
   char stack_[4096];
@@ -205,14 +186,13 @@ long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
   // offset is not 0 (the text is then read from the area's start).
   size_t offset = cols.filters.empty() ? userMember->offset : 0;
   ScratchRecord scratch(offset + width);
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long) {
-                     char* buffer = scratch.Clear();
-                     if (column >= 0) {
-                       parent->preProcMember(userMember);
-                       CopyColumn(stmt, column, KindOf(userMember), width,
-                                  buffer + offset);
-                     }
-                     out.insert(scratch.Text(width));
-                   });
+  return RunSelect(
+      *this, cols, filters, itemcnt, [&](sqlite3_stmt* stmt, unsigned long long) {
+        char* buffer = scratch.Clear();
+        if (column >= 0) {
+          parent->preProcMember(userMember);
+          CopyColumn(stmt, column, KindOf(userMember), width, buffer + offset);
+        }
+        out.insert(scratch.Text(width));
+      });
 }

@@ -43,6 +43,12 @@ const char* Joint(DbFilterOperator current, DbFilterOperator next) {
 
 }  // namespace
 
+bool CheckConnection(const Table& table) {
+  if (table.parent->m_pDBConn != nullptr) return true;
+  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+  return false;
+}
+
 sqlite3* TableHandle(const Table& table) {
   return static_cast<CSqliteDBConn*>(table.parent->m_pDBConn)->m_pSqliteDB;
 }
@@ -62,6 +68,19 @@ std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols) 
   members.reserve(cols.filters.size());
   for (const DbFilter* term : cols.filters) members.push_back(term->member);
   return members;
+}
+
+bool EveryMemberMatches(const std::vector<Member*>& wanted,
+                        const std::vector<Member*>& available) {
+  for (const Member* member : wanted) {
+    bool found = false;
+    for (const Member* candidate : available) {
+      found = found || (candidate->name == member->name &&
+                        candidate->type_meta->type_size == member->type_meta->type_size);
+    }
+    if (!found) return false;
+  }
+  return true;
 }
 
 void AppendSelectList(const Table& table, const DbFilters& cols, std::string* sql) {
@@ -189,7 +208,8 @@ long long RunTransactionStatement(const Table& table, bool begin, bool withLineE
     } else {
       DB_LOG(kLogDebug, " Table::begin = %s", sql);
     }
-    if (result != 0) DB_LOG(kLogError, "ExecuteSQL for begin failed!error:%lld\n", result);
+    if (result != 0)
+      DB_LOG(kLogError, "ExecuteSQL for begin failed!error:%lld\n", result);
   } else {
     if (withLineEnd) {
       DB_LOG(kLogDebug, " Table::end = %s\n", sql);

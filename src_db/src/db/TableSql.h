@@ -22,6 +22,10 @@
 
 namespace ipc_db::detail {
 
+// True when the table's Db has a connection; otherwise logs
+// "parent->m_pDBConn is null.\n" (the row operations' wording).
+bool CheckConnection(const Table& table);
+
 // The connection's open SQLite handle (null when closed).
 sqlite3* TableHandle(const Table& table);
 
@@ -36,6 +40,11 @@ void AppendTerm(const Table& table, const DbFilter* term, std::string* sql);
 // The members whose columns a select list names, in column order: the
 // table's members for an empty list, else the members of its terms.
 std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols);
+
+// True when every member of `wanted` has a namesake (same name, same field
+// width) among `available`. Offsets and column types are not compared.
+bool EveryMemberMatches(const std::vector<Member*>& wanted,
+                        const std::vector<Member*>& available);
 
 // Appends the select list: "*" for an empty list, else the column names of
 // the terms' members separated by ", ".

@@ -13,6 +13,7 @@ using ipc_db::detail::AppendBlobTerm;
 using ipc_db::detail::AppendFilterClause;
 using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::CheckConnection;
 using ipc_db::detail::IsBlobTerm;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
@@ -85,10 +86,7 @@ long long RunDelete(const Table& table, const DbFilters& list) {
 }  // namespace
 
 long long Table::update_item(DbFilters& set, DbFilters& where) {
-  if (parent->m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-    return -1;
-  }
+  if (!CheckConnection(*this)) return -1;
   if (set.filters.empty()) {
     DB_LOG(kLogError, "filters is empty.\n");
     return -1;
@@ -104,10 +102,7 @@ long long Table::update_item(DbFilters& set, DbFilters& where) {
 }
 
 long long Table::rmv_item(DbFilters* filters, unsigned long long itemcnt) {
-  if (parent->m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-    return -1;
-  }
+  if (!CheckConnection(*this)) return -1;
   if (itemcnt == 0) {
     DB_LOG(kLogError, "itemcnt values is  wrong.\n");
     return -1;

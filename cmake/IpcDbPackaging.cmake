@@ -1,0 +1,88 @@
+# Packaging of libipc_db: installation of the public headers and the platform stand-ins'
+# headers into include/ipc_db, libipc_db.so and libipc_platform.so, a CMake
+# package (find_package(ipc_db CONFIG REQUIRED), targets ipc_db::ipc_db and
+# ipc_db::ipc_platform) and ipc_db.pc for pkg-config. Both package files are
+# relocatable: `cmake --install BUILD --prefix DIR` works for any DIR.
+# Every link of libipc_db.so also reports the size of a stripped copy, the
+# figure that matters on the device's flash (written to libipc_db.size.txt).
+include(CMakePackageConfigHelpers)
+
+set(IPC_DB_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/ipc_db)
+set(IPC_DB_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/ipc_db)
+
+# The installed libipc_db.so finds libipc_platform.so beside itself, so a
+# program linked with --as-needed (which records only libipc_db) still runs
+# from any prefix without LD_LIBRARY_PATH.
+set_target_properties(ipc_db PROPERTIES INSTALL_RPATH "$ORIGIN")
+
+install(TARGETS ipc_db ipc_platform EXPORT ipc_dbTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# The stand-ins' headers go along with the stand-ins only: with the device's
+# own libraries, their headers come from the device's SDK.
+file(GLOB IPC_DB_PUBLIC_HEADERS CONFIGURE_DEPENDS
+     ${CMAKE_CURRENT_SOURCE_DIR}/src_db/include/*.h)
+if(NOT IPC_DB_USES_DEVICE_PLATFORM)
+  file(GLOB IPC_DB_PLATFORM_HEADERS CONFIGURE_DEPENDS
+       ${CMAKE_CURRENT_SOURCE_DIR}/platform/include/*.h)
+  list(APPEND IPC_DB_PUBLIC_HEADERS ${IPC_DB_PLATFORM_HEADERS})
+endif()
+install(FILES ${IPC_DB_PUBLIC_HEADERS} DESTINATION ${IPC_DB_INSTALL_INCLUDEDIR})
+
+install(EXPORT ipc_dbTargets NAMESPACE ipc_db:: FILE ipc_dbTargets.cmake
+        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR})
+configure_package_config_file(
+  ${CMAKE_CURRENT_LIST_DIR}/ipc_dbConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfig.cmake
+  INSTALL_DESTINATION ${IPC_DB_INSTALL_CMAKEDIR})
+write_basic_package_version_file(
+  ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfigVersion.cmake
+        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR})
+
+# pkg-config: the prefix is found from the .pc file's own folder.
+set(IPC_DB_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH IPC_DB_PC_TO_PREFIX /root/${IPC_DB_PC_DIR} /root)
+string(REGEX REPLACE "/$" "" IPC_DB_PC_TO_PREFIX "${IPC_DB_PC_TO_PREFIX}")
+# Programs link the platform library themselves only when it is the stand-in
+# (tests and tools use its log sink); the device's libraries are needed by
+# libipc_db.so and listed as private.
+if(IPC_DB_USES_DEVICE_PLATFORM)
+  set(IPC_DB_PC_LIBS "-lipc_db")
+  set(IPC_DB_PC_LIBS_PRIVATE "")
+  foreach(lib IN LISTS IPC_DB_PLATFORM_LIBRARIES)
+    if(IS_ABSOLUTE "${lib}")
+      string(APPEND IPC_DB_PC_LIBS_PRIVATE " ${lib}")
+    else()
+      string(APPEND IPC_DB_PC_LIBS_PRIVATE " -l${lib}")
+    endif()
+  endforeach()
+else()
+  set(IPC_DB_PC_LIBS "-lipc_db -lipc_platform")
+  set(IPC_DB_PC_LIBS_PRIVATE "")
+endif()
+configure_file(${CMAKE_CURRENT_LIST_DIR}/ipc_db.pc.in
+               ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc
+        DESTINATION ${IPC_DB_PC_DIR})
+
+# Stripped size, measured on a stripped copy after every link.
+if(CMAKE_STRIP)
+  if(CMAKE_LIBRARY_ARCHITECTURE)
+    set(IPC_DB_SIZE_LABEL "${CMAKE_LIBRARY_ARCHITECTURE}, ${CMAKE_BUILD_TYPE}")
+  else()
+    set(IPC_DB_SIZE_LABEL "${CMAKE_SYSTEM_PROCESSOR}, ${CMAKE_BUILD_TYPE}")
+  endif()
+  add_custom_command(TARGET ipc_db POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -DSTRIP=${CMAKE_STRIP}
+            -DLIBRARY=$<TARGET_FILE:ipc_db>
+            -DSTRIPPED=${CMAKE_CURRENT_BINARY_DIR}/package/libipc_db.stripped.so
+            -DREPORT=${CMAKE_CURRENT_BINARY_DIR}/libipc_db.size.txt
+            "-DLABEL=${IPC_DB_SIZE_LABEL}"
+            -P ${CMAKE_CURRENT_LIST_DIR}/report-stripped-size.cmake
+    VERBATIM)
+endif()
