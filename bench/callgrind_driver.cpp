@@ -1,5 +1,5 @@
 // Runs one side of the insert or read pairs once on N rows for callgrind:
-//   callgrind_driver <case> <N>
+//   callgrind_driver [--plain_files] <case> <N>
 // with <case> one of insert/library, insert/raw, insert/raw_bound,
 // read_all/library, read_all/raw, read_filtered/library, read_filtered/raw,
 // read_columns/library, read_columns/raw, count/library, count/raw,
@@ -7,7 +7,8 @@
 // open, filling the
 // table) and one warm-up run happen first; the measured run is the call of
 // MeasuredSection, which bench/callgrind collects alone
-// (--toggle-collect=MeasuredSection). Prints the rows handled.
+// (--toggle-collect=MeasuredSection). Prints the rows handled. The files are
+// keyed unless --plain_files is given (the quick smoke runs).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -112,6 +113,11 @@ int RunAggregate(const std::string& pair, const std::string& side, size_t rows) 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 4 && std::strcmp(argv[1], "--plain_files") == 0) {
+    SetPlainFiles(true);
+    ++argv;
+    --argc;
+  }
   if (argc != 3) {
     std::fprintf(stderr, "usage: %s <pair>/<side> <N>\n", argv[0]);
     return 2;

@@ -24,6 +24,8 @@ namespace {
 constexpr const char* kDbFile = "bench.db";
 constexpr const char* kJournalFile = "bench.db-journal";
 
+bool g_plainFiles = false;
+
 }  // namespace
 
 std::vector<BenchRecord> MakeRecords(size_t count, int32_t firstTime) {
@@ -59,6 +61,10 @@ BenchSchema::BenchSchema() {
   }
 }
 
+void SetPlainFiles(bool plain) { g_plainFiles = plain; }
+
+bool PlainFiles() { return g_plainFiles; }
+
 void Fatal(const std::string& message) {
   std::fprintf(stderr, "bench: %s\n", message.c_str());
   std::fflush(stderr);
@@ -93,7 +99,9 @@ TempDir::~TempDir() {
 sqlite3* RawOpenKeyed(const std::string& file) {
   sqlite3* db = nullptr;
   if (sqlite3_open(file.c_str(), &db) != SQLITE_OK) Fatal("sqlite3_open failed: " + file);
-  if (sqlite3_key(db, kKey, 64) != SQLITE_OK) Fatal("sqlite3_key failed: " + file);
+  if (!PlainFiles() && sqlite3_key(db, kKey, 64) != SQLITE_OK) {
+    Fatal("sqlite3_key failed: " + file);
+  }
   RawExec(db, "PRAGMA cipher_default_compatibility = 3;");
   RawExec(db, "PRAGMA synchronous = NORMAL;");
   RawExec(db, "PRAGMA journal_mode = DELETE;");
@@ -193,8 +201,9 @@ void RawCopyRecord(sqlite3_stmt* stmt, BenchRecord* record) {
 // ---- The library -----------------------------------------------------------
 
 LibraryDb::LibraryDb(const std::string& dir, BenchSchema* schema) {
-  char key[65];
-  std::memcpy(key, kKey, sizeof(key));
+  // A key whose first byte is zero leaves the file plain.
+  char key[65] = {0};
+  if (!PlainFiles()) std::memcpy(key, kKey, sizeof(key));
   if (db_.Init(0, dir, kDbFile, kJournalFile, key, 64) != 0) Fatal("Db::Init failed");
   if (db_.OpenDB() != 0) Fatal("Db::OpenDB failed");
   table_ = db_.createTable(&schema->record, 1);

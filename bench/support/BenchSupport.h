@@ -62,6 +62,13 @@ class BenchSchema {
   Member* data;
 };
 
+// Whether the databases of RawOpenKeyed and LibraryDb are left unkeyed. The
+// default is keyed; the quick smoke runs ask for plain files, since each
+// keyed open derives the key (about 25 ms natively, more than a second
+// under qemu-arm). Both sides send the same statements either way.
+void SetPlainFiles(bool plain);
+bool PlainFiles();
+
 // Stops the process with a message; for setup steps that must not fail.
 [[noreturn]] void Fatal(const std::string& message);
 
@@ -81,9 +88,9 @@ class TempDir {
 
 // ---- Raw SQLite ------------------------------------------------------------
 
-// Opens `file`, keys it with the 64 key bytes and sets the pragmas the
-// library sets (compatibility 3, synchronous NORMAL, journal mode DELETE).
-// Returns the handle; stops the process on a failure.
+// Opens `file`, keys it with the 64 key bytes (unless PlainFiles()) and sets
+// the pragmas the library sets (compatibility 3, synchronous NORMAL, journal mode
+// DELETE). Returns the handle; stops the process on a failure.
 sqlite3* RawOpenKeyed(const std::string& file);
 // Runs `sql`; stops the process on a failure.
 void RawExec(sqlite3* db, const char* sql);
@@ -109,7 +116,8 @@ void RawCopyText(sqlite3_stmt* stmt, int column, char* dest, size_t width);
 
 // ---- The library -----------------------------------------------------------
 
-// A Db initialised on `dir` with the benchmark key, opened, with the
+// A Db initialised on `dir` with the benchmark key (an empty one when
+// PlainFiles()), opened, with the
 // benchmark table created (analyze_name 1). Stops the process on a failure.
 class LibraryDb {
  public:

@@ -10,6 +10,8 @@
 #include <memory>
 #include <tuple>
 
+#include "BenchSupport.h"
+
 namespace ipc_db_bench {
 
 namespace {
@@ -171,10 +173,12 @@ benchmark::internal::Benchmark* RegisterSide(const std::string& pair,
 
 int PairMain(int argc, char** argv, const std::vector<StatementCheck>& checks) {
   bool skipChecks = TakeFlag(&argc, argv, "--skip_statement_check");
+  SetPlainFiles(TakeFlag(&argc, argv, "--plain_files"));
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   if (!skipChecks && !RunChecks(checks)) return 1;
   AddVersionContext();
+  benchmark::AddCustomContext("database_files", PlainFiles() ? "plain" : "keyed");
   std::unique_ptr<benchmark::BenchmarkReporter> display(
       benchmark::CreateDefaultDisplayReporter());
   RatioReporter reporter(display.get());

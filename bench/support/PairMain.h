@@ -36,7 +36,8 @@ benchmark::internal::Benchmark* RegisterSide(const std::string& pair,
                                              const std::string& side,
                                              void (*function)(benchmark::State&));
 
-// Parses the benchmark flags, runs every check (printing each outcome and
+// Parses the benchmark flags (and --plain_files, which leaves the databases
+// unkeyed: see SetPlainFiles), runs every check (printing each outcome and
 // failing the process on a difference unless --skip_statement_check is
 // given), adds the SQLite and SQLCipher versions to the context and runs
 // the benchmarks that the flags select. Returns the process status (1 also
