@@ -60,6 +60,8 @@ def parse_args():
     parser.add_argument("--repetitions", default="?")
     parser.add_argument("--min-time", default="?")
     parser.add_argument("--build-dir", default="?")
+    parser.add_argument("--armhf-results", default="")
+    parser.add_argument("--armhf-repetitions", default="?")
     return parser.parse_args()
 
 
@@ -191,6 +193,21 @@ def pair_table(medians, pair):
     return lines
 
 
+def armhf_table(medians):
+    """Ratios only: library/raw and library/prepared-once, per pair and N."""
+    lines = ["| pair | N | library/raw | spread library/raw | library/prepared-once |",
+             "|---|---:|---:|---:|---:|"]
+    for pair, _ in PAIRS:
+        for n in sorted((n for (p, n) in medians if p == pair), key=sort_key):
+            sides = medians[(pair, n)]
+            library = sides.get("library", {}).get("median")
+            lines.append("| %s | %s | %s | %s / %s | %s |" % (
+                pair, n or "-", ratio_text(library, sides.get("raw", {}).get("median")),
+                spread(sides.get("library")), spread(sides.get("raw")),
+                ratio_text(library, sides.get("raw_bound", {}).get("median"))))
+    return lines if len(lines) > 2 else []
+
+
 def median_ratio(medians, pair, n):
     sides = medians.get((pair, n), {})
     library = sides.get("library", {}).get("median")
@@ -318,6 +335,23 @@ def main():
                    "(`--toggle-collect`). For `filter_clause` a row is one rendering of "
                    "the clause.")
         out.append("")
+    if args.armhf_results:
+        armhf, armhf_context = load_results(args.armhf_results)
+        table = armhf_table(armhf)
+        if table:
+            out.append("## 32-bit ARM under qemu-arm (ratios only)")
+            out.append("")
+            out.append("The same pairs cross-built for armhf (by default the "
+                       "`armhf-release` preset, `arm-linux-gnueabihf-g++`, Debian's armhf "
+                       "SQLCipher %s on SQLite "
+                       "%s) and run under `qemu-arm` on the machine above, %s repetitions, "
+                       "N up to 1000. Emulated timings are not device timings, so only the "
+                       "ratios of the medians are given (above 1: the library is faster)." %
+                       (armhf_context.get("sqlcipher_version", "?"),
+                        armhf_context.get("sqlite_version", "?"), args.armhf_repetitions))
+            out.append("")
+            out.extend(table)
+            out.append("")
     notes_path = os.path.join(os.path.dirname(os.path.abspath(__file__)),
                               "performance_notes.md")
     if os.path.exists(notes_path):
