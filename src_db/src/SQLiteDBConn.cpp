@@ -389,24 +389,28 @@ long long CSqliteDBConn::GetRowCount(const char* table) {
   return GetCountOfSQLResult(query);
 }
 
-long long CSqliteDBConn::BeginTransaction() {
-  long long result = ExecuteSQL("begin;", nullptr, DB_EXEC_SQL_SYNC);
+namespace {
+
+// Runs a transaction statement through the connection's ExecuteSQL and logs
+// its outcome ("execSQL: <word> success" or "ExecuteSQL failed").
+long long RunTransactionStatement(CDBConn* conn, const char* sql, const char* word) {
+  long long result = conn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);
   if (result != 0) {
     RECORD_LOG(kModule, kLogError, "ExecuteSQL failed");
   } else {
-    RECORD_LOG(kModule, kLogInfo, "execSQL: begin success");
+    RECORD_LOG(kModule, kLogInfo, "execSQL: %s success", word);
   }
   return result;
 }
 
+}  // namespace
+
+long long CSqliteDBConn::BeginTransaction() {
+  return RunTransactionStatement(this, "begin;", "begin");
+}
+
 long long CSqliteDBConn::CommitTransaction() {
-  long long result = ExecuteSQL("commit;", nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    RECORD_LOG(kModule, kLogError, "ExecuteSQL failed");
-  } else {
-    RECORD_LOG(kModule, kLogInfo, "execSQL: commit success");
-  }
-  return result;
+  return RunTransactionStatement(this, "commit;", "commit");
 }
 
 long long CSqliteDBConn::ForceCommitTransaction() {
