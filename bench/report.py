@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Writes docs/performance.md from the JSON output of the pair benchmarks
-(and the callgrind table, when present), as bench/run collects them.
+(and the callgrind table, when present), as bench/run collects them: one
+file per binary and round, <binary>.roundNN.json.
 
-Each benchmark is named <pair>/<side>/<N>/real_time; the median of the
-"rows" counter (rows per second over the repetitions) of each side is
-reported, with the library's median over the raw side's as the ratio.
+Each benchmark is named <pair>/<side>/<N>/real_time and reports a "rows"
+counter (rows per second). For each side the median over every repetition
+of every round is reported; the library/raw ratio is the median over the
+rounds of the per-round ratio of the two sides' medians.
 """
 
 import argparse
@@ -14,6 +16,7 @@ import json
 import os
 import platform
 import re
+import statistics
 import subprocess
 
 SIDES = ("library", "raw", "raw_bound")
@@ -57,10 +60,12 @@ def parse_args():
     parser.add_argument("--out", required=True)
     parser.add_argument("--load-before", default="?")
     parser.add_argument("--load-after", default="?")
+    parser.add_argument("--rounds", default="?")
     parser.add_argument("--repetitions", default="?")
     parser.add_argument("--min-time", default="?")
     parser.add_argument("--build-dir", default="?")
     parser.add_argument("--armhf-results", default="")
+    parser.add_argument("--armhf-rounds", default="?")
     parser.add_argument("--armhf-repetitions", default="?")
     return parser.parse_args()
 
@@ -74,23 +79,70 @@ def split_run_name(run_name):
 
 
 def load_results(directory):
-    """{(pair, n): {side: {aggregate: rows/s}}} and the first context."""
-    medians = {}
+    """{(pair, n): {side: [[rows/s of each repetition] per round]}} and the
+    first context. Files are <binary>.roundNN.json, one per binary and round."""
+    samples = {}
     context = None
     for path in sorted(glob.glob(os.path.join(directory, "*.json"))):
+        match = re.search(r"\.round(\d+)\.json$", path)
+        if match is None:
+            continue
+        round_index = int(match.group(1))
         with open(path) as handle:
             data = json.load(handle)
         context = context or data.get("context", {})
         for bench in data.get("benchmarks", []):
-            if bench.get("run_type") != "aggregate" or bench.get("error_occurred"):
+            if bench.get("run_type") != "iteration" or bench.get("error_occurred"):
                 continue
             name = split_run_name(bench.get("run_name", ""))
             if name is None or "rows" not in bench:
                 continue
             pair, side, n = name
-            entry = medians.setdefault((pair, n), {}).setdefault(side, {})
-            entry[bench["aggregate_name"]] = bench["rows"]
-    return medians, context or {}
+            rounds = samples.setdefault((pair, n), {}).setdefault(side, {})
+            rounds.setdefault(round_index, []).append(bench["rows"])
+    return samples, context or {}
+
+
+def pooled(rounds):
+    """Every repetition of every round of one side."""
+    return [value for values in (rounds or {}).values() for value in values]
+
+
+def median_rate(rounds):
+    values = pooled(rounds)
+    return statistics.median(values) if values else None
+
+
+def spread(rounds):
+    """The coefficient of variation of all repetitions, in percent."""
+    values = pooled(rounds)
+    if len(values) < 2:
+        return "-"
+    return "%.0f%%" % (100 * statistics.pstdev(values) / statistics.mean(values))
+
+
+def round_ratios(numerator, denominator):
+    """Per round in which both sides ran: the ratio of their medians."""
+    ratios = []
+    for round_index in sorted(set(numerator or {}) & set(denominator or {})):
+        bottom = statistics.median(denominator[round_index])
+        if bottom:
+            ratios.append(statistics.median(numerator[round_index]) / bottom)
+    return ratios
+
+
+def paired_ratio(numerator, denominator):
+    """The median over the rounds of the per-round ratio, or None."""
+    ratios = round_ratios(numerator, denominator)
+    return statistics.median(ratios) if ratios else None
+
+
+def ratio_range(numerator, denominator):
+    """The lowest and highest per-round ratio, as "low-high"."""
+    ratios = round_ratios(numerator, denominator)
+    if len(ratios) < 2:
+        return "-"
+    return "%.2f-%.2f" % (min(ratios), max(ratios))
 
 
 def command_output(command):
@@ -151,70 +203,60 @@ def rate(value):
     return "{:,.1f}".format(value)
 
 
-def ratio_text(numerator, denominator):
-    if numerator is None or not denominator:
-        return "-"
-    return "%.3f" % (numerator / denominator)
-
-
-def spread(entry):
-    """The coefficient of variation of the repetitions, in percent."""
-    if not entry or "cv" not in entry:
-        return "-"
-    return "%.0f%%" % (100 * entry["cv"])
+def ratio_text(value):
+    return "-" if value is None else "%.3f" % value
 
 
 def sort_key(n):
     return int(n) if n.isdigit() else -1
 
 
-def pair_table(medians, pair):
-    rows = sorted((n for (p, n) in medians if p == pair), key=sort_key)
+def pair_table(samples, pair):
+    rows = sorted((n for (p, n) in samples if p == pair), key=sort_key)
     if not rows:
         return []
-    bound = any("raw_bound" in medians[(pair, n)] for n in rows)
-    header = "| N | library rows/s | raw rows/s | library/raw | spread library/raw |"
-    rule = "|---:|---:|---:|---:|---:|"
+    bound = any("raw_bound" in samples[(pair, n)] for n in rows)
+    header = ("| N | library rows/s | raw rows/s | library/raw | rounds' range | "
+              "spread library/raw |")
+    rule = "|---:|---:|---:|---:|---:|---:|"
     if bound:
         header += " raw prepared-once rows/s | library/prepared-once |"
         rule += "---:|---:|"
     lines = [header, rule]
     for n in rows:
-        sides = medians[(pair, n)]
-        library = sides.get("library", {}).get("median")
-        raw = sides.get("raw", {}).get("median")
-        line = "| %s | %s | %s | %s | %s / %s |" % (
-            n or "-", rate(library), rate(raw), ratio_text(library, raw),
-            spread(sides.get("library")), spread(sides.get("raw")))
+        sides = samples[(pair, n)]
+        library, raw = sides.get("library"), sides.get("raw")
+        line = "| %s | %s | %s | %s | %s | %s / %s |" % (
+            n or "-", rate(median_rate(library)), rate(median_rate(raw)),
+            ratio_text(paired_ratio(library, raw)), ratio_range(library, raw),
+            spread(library), spread(raw))
         if bound:
-            ceiling = sides.get("raw_bound", {}).get("median")
-            line += " %s | %s |" % (rate(ceiling), ratio_text(library, ceiling))
+            ceiling = sides.get("raw_bound")
+            line += " %s | %s |" % (rate(median_rate(ceiling)),
+                                    ratio_text(paired_ratio(library, ceiling)))
         lines.append(line)
     return lines
 
 
-def armhf_table(medians):
+def armhf_table(samples):
     """Ratios only: library/raw and library/prepared-once, per pair and N."""
-    lines = ["| pair | N | library/raw | spread library/raw | library/prepared-once |",
-             "|---|---:|---:|---:|---:|"]
+    lines = ["| pair | N | library/raw | rounds' range | spread library/raw | "
+             "library/prepared-once |",
+             "|---|---:|---:|---:|---:|---:|"]
     for pair, _ in PAIRS:
-        for n in sorted((n for (p, n) in medians if p == pair), key=sort_key):
-            sides = medians[(pair, n)]
-            library = sides.get("library", {}).get("median")
-            lines.append("| %s | %s | %s | %s / %s | %s |" % (
-                pair, n or "-", ratio_text(library, sides.get("raw", {}).get("median")),
-                spread(sides.get("library")), spread(sides.get("raw")),
-                ratio_text(library, sides.get("raw_bound", {}).get("median"))))
+        for n in sorted((n for (p, n) in samples if p == pair), key=sort_key):
+            sides = samples[(pair, n)]
+            library, raw = sides.get("library"), sides.get("raw")
+            lines.append("| %s | %s | %s | %s | %s / %s | %s |" % (
+                pair, n or "-", ratio_text(paired_ratio(library, raw)),
+                ratio_range(library, raw), spread(library), spread(raw),
+                ratio_text(paired_ratio(library, sides.get("raw_bound")))))
     return lines if len(lines) > 2 else []
 
 
-def median_ratio(medians, pair, n):
-    sides = medians.get((pair, n), {})
-    library = sides.get("library", {}).get("median")
-    raw = sides.get("raw", {}).get("median")
-    if library is None or not raw:
-        return None
-    return library / raw
+def library_over_raw(samples, pair, n):
+    sides = samples.get((pair, n), {})
+    return paired_ratio(sides.get("library"), sides.get("raw"))
 
 
 def callgrind_ratios(text):
@@ -240,18 +282,18 @@ def goal_line(name, value, bound, at_least, meaning):
     return "| %s | %s | %s |" % (name, meaning, verdict)
 
 
-def goals(medians, callgrind):
+def goals(samples, callgrind):
     lines = ["| goal (N = 1000) | measure | result |", "|---|---|---|"]
     lines.append(goal_line("`add_item` >= 0.90x raw same-statement",
-                           median_ratio(medians, "insert", "1000"), 0.90, True,
-                           "median rows/s, library/raw"))
+                           library_over_raw(samples, "insert", "1000"), 0.90, True,
+                           "rows/s, library/raw (median over rounds)"))
     lines.append(goal_line("`get_item` >= 0.90x raw step+copy",
-                           median_ratio(medians, "read_all", "1000"), 0.90, True,
-                           "median rows/s, library/raw (all columns)"))
-    count = median_ratio(medians, "count", "1000")
+                           library_over_raw(samples, "read_all", "1000"), 0.90, True,
+                           "rows/s, library/raw, all columns (median over rounds)"))
+    count = library_over_raw(samples, "count", "1000")
     lines.append(goal_line("`get_item_cnt` within 1.10x raw",
                            None if count is None else 1 / count, 1.10, False,
-                           "median time per call, library/raw"))
+                           "time per call, library/raw (median over rounds)"))
     for pair in ("insert", "read_all", "read_filtered", "read_columns", "count"):
         entry = callgrind.get(pair)
         lines.append(goal_line("callgrind Ir/row <= 1.10x raw (%s)" % pair,
@@ -262,7 +304,7 @@ def goals(medians, callgrind):
 
 def main():
     args = parse_args()
-    medians, context = load_results(args.results)
+    samples, context = load_results(args.results)
     callgrind_text = ""
     callgrind_path = os.path.join(args.results, "callgrind.md")
     if os.path.exists(callgrind_path):
@@ -300,21 +342,25 @@ def main():
     out.append("- Load average (1, 5, 15 min) before the run: %s; after: %s. The machine "
                "may be shared; timings taken under load are noisier than the instruction "
                "counts below." % (args.load_before, args.load_after))
-    out.append("- Method: %s repetitions of at least %s s per benchmark, in random "
-               "interleaving (`--benchmark_enable_random_interleaving`), wall-clock time "
-               "(disk waits are part of the cost); each figure is the median over the "
-               "repetitions; library/raw is the ratio of the two medians (above 1: the "
-               "library is faster). Spread is the coefficient of variation over the "
-               "repetitions." % (args.repetitions, args.min_time))
+    out.append("- Method: %s rounds; in each round every benchmark binary runs once with "
+               "%s repetitions of at least %s s per benchmark in random interleaving "
+               "(`--benchmark_enable_random_interleaving`); wall-clock time (disk waits are "
+               "part of the cost). Rows/s is the median over all repetitions of all "
+               "rounds. library/raw is the median over the rounds of the ratio of the two "
+               "sides' medians in that round (above 1: the library is faster), so that "
+               "both sides of every ratio were measured within seconds of each other; "
+               "the rounds' range gives the lowest and highest of those per-round ratios. "
+               "Spread is the coefficient of variation over all repetitions." %
+               (args.rounds, args.repetitions, args.min_time))
     out.append("")
     out.append("## Goals")
     out.append("")
-    out.extend(goals(medians, callgrind))
+    out.extend(goals(samples, callgrind))
     out.append("")
     out.append("## Pairs")
     out.append("")
     for pair, description in PAIRS:
-        table = pair_table(medians, pair)
+        table = pair_table(samples, pair)
         if not table:
             continue
         library_part, *raw_parts = description.split(" | ")
@@ -343,12 +389,13 @@ def main():
             out.append("")
             out.append("The same pairs cross-built for armhf (by default the "
                        "`armhf-release` preset, `arm-linux-gnueabihf-g++`, Debian's armhf "
-                       "SQLCipher %s on SQLite "
-                       "%s) and run under `qemu-arm` on the machine above, %s repetitions, "
-                       "N up to 1000. Emulated timings are not device timings, so only the "
-                       "ratios of the medians are given (above 1: the library is faster)." %
+                       "SQLCipher %s on SQLite %s) and run under `qemu-arm` on the machine "
+                       "above, %s rounds of %s repetitions, N up to 1000. Emulated timings "
+                       "are not device timings, so only the ratios are given, each the "
+                       "median over the rounds (above 1: the library is faster)." %
                        (armhf_context.get("sqlcipher_version", "?"),
-                        armhf_context.get("sqlite_version", "?"), args.armhf_repetitions))
+                        armhf_context.get("sqlite_version", "?"), args.armhf_rounds,
+                        args.armhf_repetitions))
             out.append("")
             out.extend(table)
             out.append("")

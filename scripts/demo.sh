@@ -8,5 +8,5 @@ bash scripts/install-deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake --preset release -DIPC_DB_BUILD_EXAMPLES=ON >/dev/null
-cmake --build --preset release -j "$jobs"
+cmake --build --preset release -j "$jobs" --target event_recorder
 ./build/release/examples/event_recorder "${1:-./ipc_db_data}"
