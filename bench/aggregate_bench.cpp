@@ -22,9 +22,7 @@ long long ExpectedMax(size_t rows) {
 void CountLibrary(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [rows](LibraryFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  LibraryFixture& fixture = cache.Filled(state.range(0), rows);
   for (auto _ : state) {
     long long count = 0;
     if (!LibraryCount(fixture.db.table(), &fixture.queries, &count) ||
@@ -39,9 +37,7 @@ void CountLibrary(benchmark::State& state) {
 void CountRaw(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<RawFixture> cache;
-  RawFixture& fixture = cache.Get(state.range(0), [rows](RawFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  RawFixture& fixture = cache.Filled(state.range(0), rows);
   for (auto _ : state) {
     long long count = 0;
     if (!RawCount(fixture.db.Handle(), &count) || count != ExpectedCount(rows)) {
@@ -55,9 +51,7 @@ void CountRaw(benchmark::State& state) {
 void MaxLibrary(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [rows](LibraryFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  LibraryFixture& fixture = cache.Filled(state.range(0), rows);
   std::string text;
   for (auto _ : state) {
     long long max = 0;
@@ -73,9 +67,7 @@ void MaxLibrary(benchmark::State& state) {
 void MaxRaw(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<RawFixture> cache;
-  RawFixture& fixture = cache.Get(state.range(0), [rows](RawFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  RawFixture& fixture = cache.Filled(state.range(0), rows);
   std::string text;
   for (auto _ : state) {
     long long max = 0;

@@ -33,7 +33,7 @@ void KeepTableSmall(benchmark::State& state, sqlite3* db, size_t rows, size_t* s
 
 void InsertLibrary(benchmark::State& state) {
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [](LibraryFixture&) {});
+  LibraryFixture& fixture = cache.Empty(state.range(0));
   std::vector<BenchRecord> records = MakeRecords(static_cast<size_t>(state.range(0)));
   size_t stored = kMaxStoredRows;
   for (auto _ : state) {
@@ -49,7 +49,7 @@ void InsertLibrary(benchmark::State& state) {
 template <bool (*kInsert)(sqlite3*, const std::vector<BenchRecord>&)>
 void InsertRaw(benchmark::State& state) {
   static FixtureCache<RawFixture> cache;
-  RawFixture& fixture = cache.Get(state.range(0), [](RawFixture&) {});
+  RawFixture& fixture = cache.Empty(state.range(0));
   sqlite3* db = fixture.db.Handle();
   std::vector<BenchRecord> records = MakeRecords(static_cast<size_t>(state.range(0)));
   size_t stored = kMaxStoredRows;

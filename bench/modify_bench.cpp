@@ -34,9 +34,7 @@ int32_t UpdatedKey(uint64_t iteration, size_t rows) {
 void UpdateLibrary(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [rows](LibraryFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  LibraryFixture& fixture = cache.Filled(state.range(0), rows);
   UpdateLists lists(&fixture.schema);
   uint64_t iteration = 0;
   for (auto _ : state) {
@@ -53,9 +51,7 @@ void UpdateLibrary(benchmark::State& state) {
 void UpdateRaw(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<RawFixture> cache;
-  RawFixture& fixture = cache.Get(state.range(0), [rows](RawFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(rows));
-  });
+  RawFixture& fixture = cache.Filled(state.range(0), rows);
   sqlite3* db = fixture.db.Handle();
   uint64_t iteration = 0;
   for (auto _ : state) {
@@ -73,7 +69,7 @@ void UpdateRaw(benchmark::State& state) {
 void RemoveLibrary(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [](LibraryFixture&) {});
+  LibraryFixture& fixture = cache.Empty(state.range(0));
   sqlite3* db = fixture.db.Handle();
   std::vector<BenchRecord> records = MakeRecords(rows);
   RemoveLists lists(&fixture.schema, rows);
@@ -93,7 +89,7 @@ void RemoveLibrary(benchmark::State& state) {
 void RemoveRaw(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<RawFixture> cache;
-  sqlite3* db = cache.Get(state.range(0), [](RawFixture&) {}).db.Handle();
+  sqlite3* db = cache.Empty(state.range(0)).db.Handle();
   std::vector<BenchRecord> records = MakeRecords(rows);
   for (auto _ : state) {
     state.PauseTiming();

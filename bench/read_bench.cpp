@@ -51,9 +51,7 @@ template <ReadKind kKind>
 void ReadLibrary(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<LibraryFixture> cache;
-  LibraryFixture& fixture = cache.Get(state.range(0), [rows](LibraryFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(StoredRows(kKind, rows)));
-  });
+  LibraryFixture& fixture = cache.Filled(state.range(0), StoredRows(kKind, rows));
   std::vector<BenchRecord> out(rows);
   for (auto _ : state) {
     uint64_t read = 0;
@@ -71,9 +69,7 @@ template <ReadKind kKind>
 void ReadRaw(benchmark::State& state) {
   size_t rows = static_cast<size_t>(state.range(0));
   static FixtureCache<RawFixture> cache;
-  RawFixture& fixture = cache.Get(state.range(0), [rows](RawFixture& made) {
-    RawFill(made.db.Handle(), MakeRecords(StoredRows(kKind, rows)));
-  });
+  RawFixture& fixture = cache.Filled(state.range(0), StoredRows(kKind, rows));
   std::vector<BenchRecord> out(rows);
   for (auto _ : state) {
     uint64_t read = 0;

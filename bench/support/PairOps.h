@@ -138,6 +138,19 @@ class FixtureCache {
     return *slot;
   }
 
+  // The fixture for `key`, its table holding MakeRecords(records) from first
+  // use.
+  Fixture& Filled(int64_t key, size_t records) {
+    return Get(key, [records](Fixture& made) {
+      RawFill(made.db.Handle(), MakeRecords(records));
+    });
+  }
+
+  // The fixture for `key`, its table left empty.
+  Fixture& Empty(int64_t key) {
+    return Get(key, [](Fixture&) {});
+  }
+
  private:
   std::map<int64_t, std::unique_ptr<Fixture>> fixtures_;
 };
