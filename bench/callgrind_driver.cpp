@@ -52,7 +52,8 @@ int RunInsert(const std::string& side, size_t rows) {
 
 int RunRead(const std::string& pair, const std::string& side, size_t rows) {
   bool filtered = pair == "read_filtered";
-  std::vector<BenchRecord> stored = MakeRecords(filtered ? 2 * rows : rows);
+  std::vector<BenchRecord> stored =
+      MakeRecords(filtered ? FilteredReadStoredRows(rows) : rows);
   std::vector<BenchRecord> out(rows);
   char* packed = reinterpret_cast<char*>(out.data());
   uint64_t read = 0;

@@ -18,7 +18,7 @@ namespace {
 enum class ReadKind { kAll, kFiltered, kColumns };
 
 size_t StoredRows(ReadKind kind, size_t rows) {
-  return kind == ReadKind::kFiltered ? 2 * rows : rows;
+  return kind == ReadKind::kFiltered ? FilteredReadStoredRows(rows) : rows;
 }
 
 bool LibraryRead(ReadKind kind, Table* table, ReadQueries* queries,

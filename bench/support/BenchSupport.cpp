@@ -2,12 +2,12 @@
 // shared by the benchmarks; see BenchSupport.h.
 #include "BenchSupport.h"
 
-#include <dirent.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace ipc_db_bench {
 
@@ -72,9 +72,8 @@ void Fatal(const std::string& message) {
 }
 
 TempDir::TempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/ipc_db_bench.XXXXXX";
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / "ipc_db_bench.XXXXXX").string();
   std::vector<char> buffer(pattern.begin(), pattern.end());
   buffer.push_back('\0');
   if (mkdtemp(buffer.data()) == nullptr) Fatal("mkdtemp failed for " + pattern);
@@ -82,16 +81,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  DIR* dir = opendir(path_.c_str());
-  if (dir != nullptr) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      unlink((path_ + name).c_str());
-    }
-    closedir(dir);
-  }
-  rmdir(path_.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
 }
 
 // ---- Raw SQLite ------------------------------------------------------------

@@ -72,7 +72,7 @@ bool PlainFiles();
 // Stops the process with a message; for setup steps that must not fail.
 [[noreturn]] void Fatal(const std::string& message);
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its files.
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
 class TempDir {
  public:
   TempDir();

@@ -24,6 +24,10 @@ namespace ipc_db_bench {
 constexpr int32_t kSelectedKind = 1;
 constexpr int32_t kFromTime = 1700000000;
 
+// How many records to store so that the filtered read (Kind = kSelectedKind)
+// returns `rows` of them.
+inline size_t FilteredReadStoredRows(size_t rows) { return 2 * rows; }
+
 // ---- Insert ----------------------------------------------------------------
 
 // add_item of all records with all columns.
