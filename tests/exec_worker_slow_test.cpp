@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
