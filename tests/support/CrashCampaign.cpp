@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "ReliabilityTestSupport.h"
+#include "TestResults.h"
 
 namespace ipc_db_test {
 namespace {
@@ -381,17 +382,20 @@ void RunCrashCampaign(const std::string& name, int kills) {
   EXPECT_EQ(result.rowsLost, 0);
   // The kills must land inside calls, not only between them.
   EXPECT_GT(result.cutInAdd, 0);
-  std::ostringstream line;
-  line << "crash test=" << name << " seed=" << seed << " kills=" << result.kills
-       << " survived=" << result.survived << " rows_lost=" << result.rowsLost
-       << " calls_finished=" << result.callsFinished
-       << " cut_in_add_item=" << result.cutInAdd
-       << " cut_in_update_item=" << result.cutInUpdate
-       << " cut_in_rmv_item=" << result.cutInRemove
-       << " cut_between_calls=" << result.cutBetweenCalls
-       << " rows_at_end=" << result.finalRows
-       << " seconds=" << static_cast<int>(seconds + 0.5);
-  Report(line.str());
+  JsonObject json;
+  json.Add("test", name)
+      .Add("seed", static_cast<long long>(seed))
+      .Add("kills", result.kills)
+      .Add("survived", result.survived)
+      .Add("rows_lost", result.rowsLost)
+      .Add("calls_finished", result.callsFinished)
+      .Add("cut_in_add_item", result.cutInAdd)
+      .Add("cut_in_update_item", result.cutInUpdate)
+      .Add("cut_in_rmv_item", result.cutInRemove)
+      .Add("cut_between_calls", result.cutBetweenCalls)
+      .Add("rows_at_end", result.finalRows)
+      .Add("seconds", seconds);
+  WriteResultJson("crash", name, json.Text());
 }
 
 }  // namespace ipc_db_test

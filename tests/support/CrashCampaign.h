@@ -21,7 +21,7 @@ namespace ipc_db_test {
 uint32_t CrashSeed();
 
 // Runs `kills` kills in a fresh directory, checks the file after each (gtest
-// assertions) and records the outcome under the campaign's `name`.
+// assertions) and writes the outcome to results/crash/<name>.json.
 void RunCrashCampaign(const std::string& name, int kills);
 
 }  // namespace ipc_db_test

@@ -77,9 +77,4 @@ long long CountRowsDirectly(const std::string& path, const std::string& key) {
   return count;
 }
 
-void Report(const std::string& line) {
-  std::printf("[reliability] %s\n", line.c_str());
-  std::fflush(stdout);
-}
-
 }  // namespace ipc_db_test

@@ -1,7 +1,8 @@
 // Helpers shared by the reliability tests (wrong keys, corruption, crash
 // consistency, concurrency, file permissions): an event record and its
 // schema description, opening a Db on a file in a test directory, and
-// counting rows independently of the library.
+// counting rows independently of the library. Their figures go to JSON
+// result files (TestResults.h).
 #ifndef IPC_DB_TESTS_SUPPORT_RELIABILITYTESTSUPPORT_H_
 #define IPC_DB_TESTS_SUPPORT_RELIABILITYTESTSUPPORT_H_
 
@@ -79,10 +80,6 @@ std::string ExecuteScalar(Db& db, const std::string& sql, const std::string& fal
 // Rows of table t_event in a plain database file, counted with SQLite
 // directly (not through the library); -1 when the file cannot be read.
 long long CountRowsDirectly(const std::string& path, const std::string& key);
-
-// Writes one line of the reliability report to standard output. The lines
-// start with "[reliability] " and are collected into docs/reliability.md.
-void Report(const std::string& line);
 
 }  // namespace ipc_db_test
 
