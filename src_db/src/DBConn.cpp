@@ -15,12 +15,14 @@
 #include <sys/time.h>
 
 #include "Log.h"
+#include "MutexLock.h"
 #include "bounded_mem.h"
 
 namespace {
 
 constexpr const char* kModule = "src_db/src/DBConn";
 using ipc_db::detail::kLogError;
+using ipc_db::detail::PosixMutexLock;
 
 constexpr size_t kThreadStackSize = 262144;
 constexpr int kStopWaitRounds = 51;
@@ -207,31 +209,25 @@ void* CDBConn::MaintenanceThreadFun(void* conn) {
 }
 
 long long CDBConn::NotifyMaintainDBCmd(const DB_REPAIR_ITEM& item) {
-  pthread_mutex_lock(&m_mutexRepair);
+  PosixMutexLock lock(&m_mutexRepair);
   if (m_dqRepairItems.size() >= kMaintainQueueLimit) {
     RECORD_LOG(kModule, kLogError, "MaintainDBCmd Queue is full.");
-    pthread_mutex_unlock(&m_mutexRepair);
     return 0;
   }
   m_dqRepairItems.push_back(item);
   pthread_cond_signal(&m_condRepair);
-  pthread_mutex_unlock(&m_mutexRepair);
   return 0;
 }
 
 long long CDBConn::WaitMaintainDBCmd(DB_REPAIR_ITEM& item) {
-  pthread_mutex_lock(&m_mutexRepair);
+  PosixMutexLock lock(&m_mutexRepair);
   if (m_dqRepairItems.empty()) {
     struct timespec deadline = DeadlineAfter(kMaintainWaitSeconds);
-    int waited = pthread_cond_timedwait(&m_condRepair, &m_mutexRepair, &deadline);
-    if (waited != 0 || m_dqRepairItems.empty()) {
-      pthread_mutex_unlock(&m_mutexRepair);
-      return DB_ERR_WAIT_TIMEOUT;
-    }
+    int waited = pthread_cond_timedwait(&m_condRepair, lock.native(), &deadline);
+    if (waited != 0 || m_dqRepairItems.empty()) return DB_ERR_WAIT_TIMEOUT;
   }
   item = m_dqRepairItems.front();
   m_dqRepairItems.pop_front();
-  pthread_mutex_unlock(&m_mutexRepair);
   return 0;
 }
 

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "Log.h"
+#include "MutexLock.h"
 #include "bounded_mem.h"
 
 #ifndef IPC_DB_REPAIR_TOOL
@@ -28,6 +29,8 @@ constexpr const char* kModule = "src_db/src/SQLiteDBConn";
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
+using ipc_db::detail::MutexLock;
+using ipc_db::detail::PosixMutexLock;
 
 constexpr size_t kExecQueueCapacity = 1024;
 constexpr time_t kExecWaitSeconds = 5;
@@ -71,12 +74,18 @@ void ReleaseFailedHandle(sqlite3** handle) {
 // Mode text that follows "PRAGMA journal_mode = ", or null for an unknown type.
 const char* JournalModeText(DB_JOURNAL_TYPE type) {
   switch (type) {
-    case DB_JOURNAL_DELETE: return "Delete";
-    case DB_JOURNAL_TRUNCATE: return "TRUNCATE";
-    case DB_JOURNAL_PERSIST: return "PERSIST";
-    case DB_JOURNAL_MEMORY: return "MEMORY";
-    case DB_JOURNAL_WAL: return "WAL";
-    case DB_JOURNAL_OFF: return "OFF";
+    case DB_JOURNAL_DELETE:
+      return "Delete";
+    case DB_JOURNAL_TRUNCATE:
+      return "TRUNCATE";
+    case DB_JOURNAL_PERSIST:
+      return "PERSIST";
+    case DB_JOURNAL_MEMORY:
+      return "MEMORY";
+    case DB_JOURNAL_WAL:
+      return "WAL";
+    case DB_JOURNAL_OFF:
+      return "OFF";
   }
   return nullptr;
 }
@@ -166,49 +175,49 @@ void CSqliteDBConn::SetDBJournal(const std::string& strDBJournal) {
 
 long long CSqliteDBConn::OpenConnection() {
   if (m_bPaused == 1) return 0;
-  m_mutexConn.Lock();
-  if (m_pSqliteDB != nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has already exist");
-    m_mutexConn.Unlock();
-    return DB_ERR_CONN_EXIST;
-  }
-  long long checked = CheckInstallPath();
-  if (checked != 0) {
-    RECORD_LOG(kModule, kLogError, "CheckInstallPath failed");
-    m_mutexConn.Unlock();
-    return checked;
-  }
-  int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
-  if (code != SQLITE_OK) {
-    RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(), code);
-    ReleaseFailedHandle(&m_pSqliteDB);
-    m_mutexConn.Unlock();
-    return DB_ERR_OPEN;
-  }
-  RECORD_LOG(kModule, kLogInfo, "open:%s success", m_strDBFile.c_str());
-  if (RecordFileAccess(m_strDBFile.c_str()) == 0) {
-    RecordFileChmod(m_strDBFile.c_str(), kFileMode);
-    if (RecordFileAccess(m_strDBJournal.c_str()) == 0) {
-      RecordFileChmod(m_strDBJournal.c_str(), kFileMode);
+  {
+    MutexLock lock(&m_mutexConn);
+    if (m_pSqliteDB != nullptr) {
+      RECORD_LOG(kModule, kLogError, "DB Connection has already exist");
+      return DB_ERR_CONN_EXIST;
     }
-  }
-  if (m_szEncryptKey[0] != 0) {
-    code = sqlite3_key(m_pSqliteDB, m_szEncryptKey, kKeyLengthAtOpen);
+    long long checked = CheckInstallPath();
+    if (checked != 0) {
+      RECORD_LOG(kModule, kLogError, "CheckInstallPath failed");
+      return checked;
+    }
+    int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
     if (code != SQLITE_OK) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_key:%s failed:%d", m_strDBFile.c_str(), code);
-      m_mutexConn.Unlock();
-      return DB_ERR_ENCRYPT;
+      RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(),
+                 code);
+      ReleaseFailedHandle(&m_pSqliteDB);
+      return DB_ERR_OPEN;
     }
-    RECORD_LOG(kModule, kLogInfo, "sqlite3 encrypt:%s success", m_strDBFile.c_str());
+    RECORD_LOG(kModule, kLogInfo, "open:%s success", m_strDBFile.c_str());
+    if (RecordFileAccess(m_strDBFile.c_str()) == 0) {
+      RecordFileChmod(m_strDBFile.c_str(), kFileMode);
+      if (RecordFileAccess(m_strDBJournal.c_str()) == 0) {
+        RecordFileChmod(m_strDBJournal.c_str(), kFileMode);
+      }
+    }
+    if (m_szEncryptKey[0] != 0) {
+      code = sqlite3_key(m_pSqliteDB, m_szEncryptKey, kKeyLengthAtOpen);
+      if (code != SQLITE_OK) {
+        RECORD_LOG(kModule, kLogError, "sqlite3_key:%s failed:%d", m_strDBFile.c_str(),
+                   code);
+        return DB_ERR_ENCRYPT;
+      }
+      RECORD_LOG(kModule, kLogInfo, "sqlite3 encrypt:%s success", m_strDBFile.c_str());
+    }
+    SetDBAttr();
+    if (StartExecThread() != 0) {
+      // StartExecThread always returns 0, so this never runs. Were it taken,
+      // CloseConnection would block on the connection mutex held here.
+      RECORD_LOG(kModule, kLogError, "StartExecThread failed");
+      CloseConnection();
+      return DB_ERR_OPEN;
+    }
   }
-  SetDBAttr();
-  if (StartExecThread() != 0) {
-    RECORD_LOG(kModule, kLogError, "StartExecThread failed");
-    CloseConnection();
-    m_mutexConn.Unlock();
-    return DB_ERR_OPEN;
-  }
-  m_mutexConn.Unlock();
   m_enDBStatus = 1;
   return 0;
 }
@@ -221,28 +230,31 @@ long long CSqliteDBConn::SetDBAttr() {
   }
   bool ok = RunPragma(m_pSqliteDB, "PRAGMA cipher_default_compatibility = 3;",
                       "PRAGMA cipher_default_compatibility = 3");
-  ok = RunPragma(m_pSqliteDB, "PRAGMA synchronous = NORMAL;", "PRAGMA synchronous = NORMAL") && ok;
-  ok = RunPragma(m_pSqliteDB, "PRAGMA journal_mode = DELETE;", "PRAGMA journal_mode = DELETE") && ok;
+  ok = RunPragma(m_pSqliteDB, "PRAGMA synchronous = NORMAL;",
+                 "PRAGMA synchronous = NORMAL") &&
+       ok;
+  ok = RunPragma(m_pSqliteDB, "PRAGMA journal_mode = DELETE;",
+                 "PRAGMA journal_mode = DELETE") &&
+       ok;
   return ok ? 0 : -1;
 }
 
 long long CSqliteDBConn::CloseConnection() {
   if (m_bPaused == 1) return 0;
-  m_mutexConn.Lock();
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    m_mutexConn.Unlock();
-    return DB_ERR_CONN_NOT_EXIST;
+  {
+    MutexLock lock(&m_mutexConn);
+    if (m_pSqliteDB == nullptr) {
+      RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
+      return DB_ERR_CONN_NOT_EXIST;
+    }
+    StopExecThread();
+    int code = sqlite3_close(m_pSqliteDB);
+    if (code != SQLITE_OK) {
+      RECORD_LOG(kModule, kLogError, "sqlite3_close failed:%d", code);
+      return DB_ERR_CLOSE;
+    }
+    m_pSqliteDB = nullptr;
   }
-  StopExecThread();
-  int code = sqlite3_close(m_pSqliteDB);
-  if (code != SQLITE_OK) {
-    RECORD_LOG(kModule, kLogError, "sqlite3_close failed:%d", code);
-    m_mutexConn.Unlock();
-    return DB_ERR_CLOSE;
-  }
-  m_pSqliteDB = nullptr;
-  m_mutexConn.Unlock();
   RECORD_LOG(kModule, kLogInfo, "close:%s success", m_strDBFile.c_str());
   m_enDBStatus = 0;
   return 0;
@@ -315,7 +327,8 @@ long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
     code = sqlite3_get_table(m_pSqliteDB, sql, &result->ppszResult, &result->iRowCount,
                              &result->iColumnCount, &message);
     if (code != SQLITE_OK) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code, message);
+      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
+                 message);
     }
   } else {
     code = sqlite3_exec(m_pSqliteDB, sql, nullptr, nullptr, &message);
@@ -423,35 +436,29 @@ long long CSqliteDBConn::ForceCommitTransaction() {
 // ---- Execution queue and worker -------------------------------------------
 
 long long CSqliteDBConn::NotifySqlExecCmd(const SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  pthread_mutex_lock(&m_mutexExec);
+  PosixMutexLock lock(&m_mutexExec);
   if (m_dqExecItems.size() >= kExecQueueCapacity) {
     RECORD_LOG(kModule, kLogError, "Queue is full.");
-    pthread_mutex_unlock(&m_mutexExec);
     return DB_ERR_QUEUE_FULL;
   }
   m_dqExecItems.push_back(item);
   pthread_cond_signal(&m_condExec);
-  pthread_mutex_unlock(&m_mutexExec);
   return 0;
 }
 
 long long CSqliteDBConn::WaitSqlExecCmd(SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  pthread_mutex_lock(&m_mutexExec);
+  PosixMutexLock lock(&m_mutexExec);
   if (m_dqExecItems.empty()) {
     struct timeval now;
     gettimeofday(&now, nullptr);
     struct timespec deadline;
     deadline.tv_sec = now.tv_sec + kExecWaitSeconds;
     deadline.tv_nsec = now.tv_usec * 1000;
-    int waited = pthread_cond_timedwait(&m_condExec, &m_mutexExec, &deadline);
-    if (waited != 0 || m_dqExecItems.empty()) {
-      pthread_mutex_unlock(&m_mutexExec);
-      return DB_ERR_WAIT_TIMEOUT;
-    }
+    int waited = pthread_cond_timedwait(&m_condExec, lock.native(), &deadline);
+    if (waited != 0 || m_dqExecItems.empty()) return DB_ERR_WAIT_TIMEOUT;
   }
   item = m_dqExecItems.front();
   m_dqExecItems.pop_front();
-  pthread_mutex_unlock(&m_mutexExec);
   return 0;
 }
 
@@ -603,21 +610,21 @@ long long CSqliteDBConn::ReEncryptDB(const char* szEncryptKey, unsigned int uiKe
     RECORD_LOG(kModule, kLogInfo, "SqliteDB is not Encypt");
     return DB_ERR_ENCRYPT;
   }
-  m_mutexConn.Lock();
+  MutexLock lock(&m_mutexConn);
   int code = sqlite3_rekey(m_pSqliteDB, szEncryptKey, static_cast<int>(uiKeyLen));
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3 ReEncryptDB failed:%d", code);
-    m_mutexConn.Unlock();
     return DB_ERR_ENCRYPT;
   }
   if (memcpy_s(m_szEncryptKey, sizeof(m_szEncryptKey), szEncryptKey, uiKeyLen) != 0) {
-    // The connection mutex stays held: the buffer no longer matches the
-    // file's key, and later opens, closes and re-keys must not proceed.
+    // The one path that leaves the connection mutex held: the file now has
+    // the new key but the buffer no longer holds it, so later opens, closes
+    // and re-keys must not proceed with it.
+    lock.KeepLocked();
     RECORD_LOG(kModule, kLogError, "Failed to memcpy AESKey");
     return DB_ERR_ENCRYPT;
   }
   RECORD_LOG(kModule, kLogInfo, "Success to ReEncryptDB %s", m_strDBFile.c_str());
-  m_mutexConn.Unlock();
   return 0;
 }
 
@@ -629,7 +636,8 @@ long long CSqliteDBConn::SetDBJournalAttr(DB_JOURNAL_TYPE enDbJournalType) {
   }
   const char* mode = JournalModeText(enDbJournalType);
   if (mode == nullptr) {
-    RECORD_LOG(kModule, kLogError, "wrong enDbJournalType:%d", static_cast<int>(enDbJournalType));
+    RECORD_LOG(kModule, kLogError, "wrong enDbJournalType:%d",
+               static_cast<int>(enDbJournalType));
     return -1;
   }
   std::string sql = std::string("PRAGMA journal_mode = ") + mode + ";";
