@@ -17,6 +17,7 @@
 
 #include "Log.h"
 #include "MutexLock.h"
+#include "SqliteOwners.h"
 #include "bounded_mem.h"
 
 #ifndef IPC_DB_REPAIR_TOOL
@@ -31,6 +32,8 @@ using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
 using ipc_db::detail::MutexLock;
 using ipc_db::detail::PosixMutexLock;
+using ipc_db::detail::ScopedExecResult;
+using ipc_db::detail::SqliteString;
 
 constexpr size_t kExecQueueCapacity = 1024;
 constexpr time_t kExecWaitSeconds = 5;
@@ -326,18 +329,17 @@ long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
   if (result != nullptr) {
     code = sqlite3_get_table(m_pSqliteDB, sql, &result->ppszResult, &result->iRowCount,
                              &result->iColumnCount, &message);
-    if (code != SQLITE_OK) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
-                 message);
-    }
   } else {
     code = sqlite3_exec(m_pSqliteDB, sql, nullptr, nullptr, &message);
-    if (code != SQLITE_OK) {
+  }
+  SqliteString ownedMessage(message);
+  if (code != SQLITE_OK) {
+    if (result != nullptr) {
+      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
+                 message);
+    } else {
       RECORD_LOG(kModule, kLogError, "sqlite3_exec:%s failed:%d,%s", sql, code, message);
     }
-  }
-  if (message != nullptr) sqlite3_free(message);
-  if (code != SQLITE_OK) {
     ErrorProcess(code, sql);
     return DB_ERR_EXEC;
   }
@@ -356,15 +358,12 @@ long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
     RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
     return 0;
   }
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  if (ExecuteSQL(sql, &result, DB_EXEC_SQL_SYNC) != 0) {
-    FreeExecuteResult(&result);
+  ScopedExecResult result(this);
+  if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
     RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
     return 0;
   }
-  long long count = ScanCountColumn(result);
-  FreeExecuteResult(&result);
-  return count;
+  return ScanCountColumn(*result);
 }
 
 int CSqliteDBConn::WhetherTableExist(const char* table) {

@@ -11,6 +11,7 @@
 #include "Db.h"
 #include "Log.h"
 #include "Meta.h"
+#include "SqliteOwners.h"
 #include "Table.h"
 #include "TableChange.h"
 
@@ -125,22 +126,20 @@ long long Db::getTableSql(std::string& tableName, std::string& sql) {
   if (m_pDBConn == nullptr) return kNoConnection;
   const std::string query = "select sql from sqlite_master where tbl_name = '" +
                             tableName + "' and type = 'table'";
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  const long long code = m_pDBConn->ExecuteSQL(query.c_str(), &result, DB_EXEC_SQL_SYNC);
+  ipc_db::detail::ScopedExecResult result(m_pDBConn);
+  const long long code =
+      m_pDBConn->ExecuteSQL(query.c_str(), result.get(), DB_EXEC_SQL_SYNC);
   if (code != 0) {
-    m_pDBConn->FreeExecuteResult(&result);
     DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
     return code;
   }
   // A query without rows holds no value after the header (and, from SQLite,
   // no header either): that is a missing table.
-  if (!HasFirstValue(result)) {
-    m_pDBConn->FreeExecuteResult(&result);
+  if (!HasFirstValue(*result)) {
     DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
     return -1;
   }
-  if (result.iRowCount > 0) sql = result.ppszResult[result.iColumnCount];
-  m_pDBConn->FreeExecuteResult(&result);
+  if (result->iRowCount > 0) sql = result->ppszResult[result->iColumnCount];
   return 0;
 }
 

@@ -172,30 +172,26 @@ void LogSqliteFailure(SqliteCall call, int code, sqlite3* db) {
 
 long long RunBoundStatement(sqlite3* db, const std::string& sql,
                             std::initializer_list<const BoundBlob*> blobs) {
-  sqlite3_stmt* stmt = nullptr;
-  int code = sqlite3_prepare(db, sql.c_str(), -1, &stmt, nullptr);
+  Statement stmt;
+  int code = PrepareStatement(db, sql.c_str(), &stmt);
   if (code != 0) {
     LogSqliteFailure(SqliteCall::kPrepare, code, db);
-    sqlite3_finalize(stmt);
     return -1;
   }
   int index = 1;
   for (const BoundBlob* blob : blobs) {
     if (!blob->present) continue;
-    code = sqlite3_bind_blob(stmt, index++, blob->data, blob->size, SQLITE_STATIC);
+    code = sqlite3_bind_blob(stmt.get(), index++, blob->data, blob->size, SQLITE_STATIC);
     if (code != 0) {
       LogSqliteFailure(SqliteCall::kBindBlob, code, db);
-      sqlite3_finalize(stmt);
       return -1;
     }
   }
-  code = sqlite3_step(stmt);
+  code = sqlite3_step(stmt.get());
   if (code != SQLITE_DONE && code != 0) {
     LogSqliteFailure(SqliteCall::kStep, code, db);
-    sqlite3_finalize(stmt);
     return -1;
   }
-  sqlite3_finalize(stmt);
   return 0;
 }
 

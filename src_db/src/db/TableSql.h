@@ -17,6 +17,7 @@
 #include "DbFilter.h"
 #include "Log.h"
 #include "Meta.h"
+#include "SqliteOwners.h"
 #include "Table.h"
 #include "bounded_mem.h"
 
@@ -149,25 +150,23 @@ long long RunSelect(const Table& table, const DbFilters& cols, const DbFilters& 
   std::string sql;
   if (!BuildSelect(table, cols, filters, &sql)) return -1;
   sqlite3* db = TableHandle(table);
-  sqlite3_stmt* stmt = nullptr;
-  int code = sqlite3_prepare(db, sql.c_str(), -1, &stmt, nullptr);
+  Statement stmt;
+  int code = PrepareStatement(db, sql.c_str(), &stmt);
   if (code != 0) {
     LogSqliteFailure(SqliteCall::kPrepare, code, db);
-    sqlite3_finalize(stmt);
     return -1;
   }
   unsigned long long rows = 0;
-  while (sqlite3_step(stmt) == SQLITE_ROW) {
+  while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
     if (stmt == nullptr) {
       DB_LOG(kLogError, "stmt is null\n");
       break;
     }
-    copyRow(stmt, rows);
+    copyRow(stmt.get(), rows);
     ++rows;
     if (itemcnt != 0 && rows >= itemcnt) break;
   }
   itemcnt = rows;
-  sqlite3_finalize(stmt);
   return 0;
 }
 
