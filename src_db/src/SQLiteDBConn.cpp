@@ -9,12 +9,12 @@
 #include <sqlcipher/sqlite3.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
+#include "BoundedQueue.h"
 #include "Log.h"
 #include "MutexLock.h"
 #include "SqliteOwners.h"
@@ -27,13 +27,15 @@
 namespace {
 
 constexpr const char* kModule = "src_db/src/SQLiteDBConn";
+using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
 using ipc_db::detail::MutexLock;
-using ipc_db::detail::PosixMutexLock;
+using ipc_db::detail::QueueSettings;
 using ipc_db::detail::ScopedExecResult;
 using ipc_db::detail::SqliteString;
+using ipc_db::detail::ZeroFill;
 
 constexpr size_t kExecQueueCapacity = 1024;
 constexpr time_t kExecWaitSeconds = 5;
@@ -47,13 +49,14 @@ constexpr unsigned long long kPauseSettleMs = 2000;
 
 const char* const kCountColumn = "count(*)";
 
-// Zeroes a queue item, logging (and going on) if the bounded set fails.
-template <typename Item>
-void ZeroItem(Item* item) {
-  int result = memset_s(item, sizeof(*item), 0, sizeof(*item));
-  if (result != 0) {
-    RECORD_LOG(kModule, kLogError, "memset fail! error code is %d\n", result);
-  }
+// The execution queue: 1024 items at most; a refused item is reported to
+// the caller.
+constexpr QueueSettings kExecQueue{kExecQueueCapacity, kExecWaitSeconds, kModule,
+                                   "Queue is full.", DB_ERR_QUEUE_FULL};
+
+BoundedQueue<SQLITE_DB_EXEC_QUEUE_ITEM> ExecQueueOf(CSqliteDBConn* conn) {
+  return BoundedQueue<SQLITE_DB_EXEC_QUEUE_ITEM>(&conn->m_dqExecItems, &conn->m_mutexExec,
+                                                 &conn->m_condExec, kExecQueue);
 }
 
 // Runs one connection pragma and logs its outcome. Returns true on success.
@@ -427,7 +430,7 @@ long long CSqliteDBConn::CommitTransaction() {
 
 long long CSqliteDBConn::ForceCommitTransaction() {
   SQLITE_DB_EXEC_QUEUE_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   item.enCmdType = SQLITE_EXEC_CMD_COMMIT;
   return NotifySqlExecCmd(item);
 }
@@ -435,30 +438,11 @@ long long CSqliteDBConn::ForceCommitTransaction() {
 // ---- Execution queue and worker -------------------------------------------
 
 long long CSqliteDBConn::NotifySqlExecCmd(const SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  PosixMutexLock lock(&m_mutexExec);
-  if (m_dqExecItems.size() >= kExecQueueCapacity) {
-    RECORD_LOG(kModule, kLogError, "Queue is full.");
-    return DB_ERR_QUEUE_FULL;
-  }
-  m_dqExecItems.push_back(item);
-  pthread_cond_signal(&m_condExec);
-  return 0;
+  return ExecQueueOf(this).Push(item);
 }
 
 long long CSqliteDBConn::WaitSqlExecCmd(SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  PosixMutexLock lock(&m_mutexExec);
-  if (m_dqExecItems.empty()) {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    struct timespec deadline;
-    deadline.tv_sec = now.tv_sec + kExecWaitSeconds;
-    deadline.tv_nsec = now.tv_usec * 1000;
-    int waited = pthread_cond_timedwait(&m_condExec, lock.native(), &deadline);
-    if (waited != 0 || m_dqExecItems.empty()) return DB_ERR_WAIT_TIMEOUT;
-  }
-  item = m_dqExecItems.front();
-  m_dqExecItems.pop_front();
-  return 0;
+  return ExecQueueOf(this).Pop(&item);
 }
 
 void CSqliteDBConn::WaitExecTimeOutProcess() {
@@ -514,7 +498,7 @@ void* CSqliteDBConn::SqliteDBExecThreadFun(void* conn) {
   self->m_bExecThreadRunning = 1;
   while (self->m_bExecThreadStop == 0) {
     SQLITE_DB_EXEC_QUEUE_ITEM item;
-    ZeroItem(&item);
+    ZeroFill(&item, kModule);
     long long waited = self->WaitSqlExecCmd(item);
     if (waited == DB_ERR_WAIT_TIMEOUT) {
       self->WaitExecTimeOutProcess();
@@ -540,7 +524,7 @@ void* CSqliteDBConn::SqliteStopDBExecThreadFun(void* conn) {
     return nullptr;
   }
   SQLITE_DB_EXEC_QUEUE_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   item.enCmdType = SQLITE_EXEC_CMD_STOP;
   static_cast<CSqliteDBConn*>(conn)->NotifySqlExecCmd(item);
   return nullptr;
@@ -550,7 +534,7 @@ void* CSqliteDBConn::SqliteStopDBExecThreadFun(void* conn) {
 
 void CSqliteDBConn::ErrorProcess(int sqliteCode, const char* sql) {
   DB_REPAIR_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   if (sql != nullptr) {
     if (strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1) != 0) {
       RECORD_LOG(kModule, kLogError, "Copy szSQL failed");
