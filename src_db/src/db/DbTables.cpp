@@ -14,16 +14,12 @@
 #include "SqliteOwners.h"
 #include "Table.h"
 #include "TableChange.h"
+#include "db/SqlText.h"
 
 namespace {
 
 // getTableSql and getTableStatus when there is no connection object.
 constexpr long long kNoConnection = -201;
-
-// The SQL column name of `member` under the naming mode `analyze_name`.
-std::string ColumnName(Db* db, const Member* member, int analyze_name) {
-  return analyze_name == 0 ? member->name : db->getName(member->name);
-}
 
 // The attribute words for the key, autoincrement and not-null flags, in
 // their fixed order.
@@ -84,7 +80,8 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
   for (size_t i = 0; i < meta->members.size(); ++i) {
     Member* member = meta->members[i];
     preProcMember(member);
-    sql += ColumnName(this, member, analyze_name) + " " + member->sql_type;
+    sql +=
+        ipc_db::detail::ColumnName(this, analyze_name, member) + " " + member->sql_type;
     DB_LOG(ipc_db::detail::kLogDebug, "member name is %s   type is %s\n",
            member->name.c_str(), member->sql_type.c_str());
     sql += KeyAndNullWords(member);
@@ -155,7 +152,7 @@ long long Db::updateTable(std::string tableName, TableChange& change,
   for (size_t i = 0; i < members.size(); ++i) {
     Member* member = members[i];
     preProcMember(member);
-    sql += "ADD COLUMN " + ColumnName(this, member, analyze_name) + " " +
+    sql += "ADD COLUMN " + ipc_db::detail::ColumnName(this, analyze_name, member) + " " +
            member->sql_type + " DEFAULT " + DefaultText(member, defaultValue);
     // The default-zero flag is not used here: the default is always written.
     sql += KeyAndNullWords(member);

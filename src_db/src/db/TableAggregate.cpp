@@ -6,11 +6,12 @@
 #include <string>
 
 #include "DBConn.h"
+#include "Log.h"
 #include "SqliteOwners.h"
-#include "db/TableSql.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendFilterClause;
-using ipc_db::detail::ColumnName;
+using ipc_db::detail::BuildCount;
+using ipc_db::detail::BuildExtremum;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::ScopedExecResult;
@@ -51,10 +52,8 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
     return -1;
   }
   const Member* member = col.filters[0]->member;
-  std::string sql = kind.function + ColumnName(table, member) + ")" + " from " +
-                    table.meta_data->type_name;
-  if (!AppendFilterClause(table, filters, &sql)) return -1;
-  sql.append(";");
+  std::string sql;
+  if (!BuildExtremum(table, kind.function, member, filters, &sql)) return -1;
   ScopedExecResult result(conn);
   if (conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC) != 0) {
     LogExtremumFailed(kind.isMax);
@@ -77,9 +76,8 @@ long long Table::get_item_cnt(DbFilters& filters) {
     DB_LOG(kLogError, "parent->m_pDBConn is null.");
     return -1;
   }
-  std::string sql = "select count(*) from " + meta_data->type_name;
-  if (!AppendFilterClause(*this, filters, &sql)) return -1;
-  sql.append(";");
+  std::string sql;
+  if (!BuildCount(*this, filters, &sql)) return -1;
   ScopedExecResult result(conn);
   long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
   DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());

@@ -5,7 +5,8 @@
 #include <string>
 
 #include "DBConn.h"
-#include "db/TableSql.h"
+#include "Log.h"
+#include "db/SqlText.h"
 
 using ipc_db::detail::ColumnName;
 using ipc_db::detail::kLogError;

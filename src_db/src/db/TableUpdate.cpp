@@ -7,42 +7,20 @@
 #include <string>
 
 #include "DBConn.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendBlobTerm;
-using ipc_db::detail::AppendFilterClause;
-using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::BuildUpdate;
 using ipc_db::detail::CheckConnection;
-using ipc_db::detail::IsBlobTerm;
+using ipc_db::detail::DeleteStatement;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
-using ipc_db::detail::kLogInfo;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
 using ipc_db::detail::TableHandle;
 
 namespace {
-
-// Appends the assignments of `set`, separated by ", ". Only equal terms are
-// allowed; false (logged) for any other operator.
-bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
-                       BoundBlob* blob) {
-  for (size_t i = 0; i < set.filters.size(); ++i) {
-    DbFilter* term = set.filters[i];
-    if (term->op != DB_FILTER_OP_EQ) {
-      DB_LOG(kLogError, "op is not equal\n");
-      return false;
-    }
-    if (i > 0) sql->append(", ");
-    if (IsBlobTerm(term)) {
-      AppendBlobTerm(table, term, sql, blob);
-    } else {
-      AppendTerm(table, term, sql);
-    }
-  }
-  return true;
-}
 
 long long RunTextUpdate(const Table& table, const std::string& sql) {
   long long result =
@@ -53,22 +31,6 @@ long long RunTextUpdate(const Table& table, const std::string& sql) {
     return -1;
   }
   return 0;
-}
-
-// "delete from <table>", and " where " with the terms joined by " and ".
-std::string DeleteStatement(const Table& table, const DbFilters& list) {
-  std::string sql = "delete from " + table.meta_data->type_name;
-  if (list.filters.empty()) {
-    DB_LOG(kLogInfo, "filters is null!\n");
-  } else {
-    sql.append(" where ");
-    for (size_t i = 0; i < list.filters.size(); ++i) {
-      if (i > 0) sql.append(" and ");
-      AppendTerm(table, list.filters[i], &sql);
-    }
-  }
-  sql.append(";");
-  return sql;
 }
 
 long long RunDelete(const Table& table, const DbFilters& list) {
@@ -91,12 +53,10 @@ long long Table::update_item(DbFilters& set, DbFilters& where) {
     DB_LOG(kLogError, "filters is empty.\n");
     return -1;
   }
-  std::string sql = "update " + meta_data->type_name + " set ";
+  std::string sql;
   BoundBlob setBlob;
   BoundBlob whereBlob;
-  if (!AppendAssignments(*this, set, &sql, &setBlob)) return -1;
-  if (!AppendFilterClause(*this, where, &sql, &whereBlob)) return -1;
-  sql.append(";");
+  if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
   if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
   return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
 }
