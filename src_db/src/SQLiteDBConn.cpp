@@ -20,10 +20,6 @@
 #include "SqliteOwners.h"
 #include "bounded_mem.h"
 
-#ifndef IPC_DB_REPAIR_TOOL
-#define IPC_DB_REPAIR_TOOL "/usr/app/bin/sqlite3"
-#endif
-
 namespace {
 
 constexpr const char* kModule = "src_db/src/SQLiteDBConn";
@@ -48,6 +44,22 @@ constexpr int kKeyLengthAtOpen = 64;
 constexpr unsigned long long kPauseSettleMs = 2000;
 
 const char* const kCountColumn = "count(*)";
+
+// Whether a statement may run on the connection now.
+enum class HandleState {
+  kPaused,    // paused for maintenance: callers answer quietly
+  kNoHandle,  // closed: logged here, callers answer with their failure value
+  kReady,
+};
+
+HandleState StateOf(const CSqliteDBConn& conn) {
+  if (conn.m_bPaused == 1) return HandleState::kPaused;
+  if (conn.m_pSqliteDB == nullptr) {
+    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
+    return HandleState::kNoHandle;
+  }
+  return HandleState::kReady;
+}
 
 // The execution queue: 1024 items at most; a refused item is reported to
 // the caller.
@@ -152,7 +164,6 @@ CSqliteDBConn::CSqliteDBConn()
       m_bInTransaction(0),
       m_ullExecCount(0),
       m_ullWaitTimeOutCount(0) {
-  m_iReserved = 0;
   pthread_mutex_init(&m_mutexExec, nullptr);
   pthread_cond_init(&m_condExec, nullptr);
   m_pfnExecThread = &CSqliteDBConn::SqliteDBExecThreadFun;
@@ -229,11 +240,9 @@ long long CSqliteDBConn::OpenConnection() {
 }
 
 long long CSqliteDBConn::SetDBAttr() {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   bool ok = RunPragma(m_pSqliteDB, "PRAGMA cipher_default_compatibility = 3;",
                       "PRAGMA cipher_default_compatibility = 3");
   ok = RunPragma(m_pSqliteDB, "PRAGMA synchronous = NORMAL;",
@@ -310,11 +319,9 @@ long long CSqliteDBConn::ResumeConnection() {
 
 long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
                                     DB_EXEC_SQL_TYPE type) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   if (type == DB_EXEC_SQL_ASYNC) {
     SQLITE_DB_EXEC_QUEUE_ITEM item;
     int copied = strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1);
@@ -356,11 +363,7 @@ void CSqliteDBConn::FreeExecuteResult(DB_EXEC_RESULT* result) {
 }
 
 long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
+  if (StateOf(*this) != HandleState::kReady) return 0;
   ScopedExecResult result(this);
   if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
     RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
@@ -370,12 +373,8 @@ long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
 }
 
 int CSqliteDBConn::WhetherTableExist(const char* table) {
+  if (StateOf(*this) != HandleState::kReady) return 0;
   char query[kQueryBufferSize] = {0};
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from sqlite_master where type = 'table' "
                            "and name = '%s'",
@@ -390,12 +389,8 @@ int CSqliteDBConn::WhetherTableExist(const char* table) {
 }
 
 long long CSqliteDBConn::GetRowCount(const char* table) {
+  if (StateOf(*this) != HandleState::kReady) return 0;
   char query[kQueryBufferSize] = {0};
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from %s", table);
   if (written < 1) {
@@ -612,11 +607,9 @@ long long CSqliteDBConn::ReEncryptDB(const char* szEncryptKey, unsigned int uiKe
 }
 
 long long CSqliteDBConn::SetDBJournalAttr(DB_JOURNAL_TYPE enDbJournalType) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   const char* mode = JournalModeText(enDbJournalType);
   if (mode == nullptr) {
     RECORD_LOG(kModule, kLogError, "wrong enDbJournalType:%d",

@@ -14,6 +14,7 @@
 #include "SqliteOwners.h"
 #include "Table.h"
 #include "TableChange.h"
+#include "db/SqlRun.h"
 #include "db/SqlText.h"
 
 namespace {
@@ -90,10 +91,7 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
   }
   sql += ");";
 
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for createTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "createTable") != 0) {
     delete table;
     return nullptr;
   }
@@ -110,10 +108,7 @@ long long Db::destroyTable(Meta* meta) {
     return 0;
   }
   const std::string sql = "drop table " + meta->type_name + ";";
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for destroyTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "destroyTable") != 0) {
     return -1;
   }
   return 0;
@@ -160,10 +155,7 @@ long long Db::updateTable(std::string tableName, TableChange& change,
   }
   sql += ";";
 
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for updateTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "updateTable") != 0) {
     return -1;
   }
   return 0;

@@ -68,6 +68,18 @@ long long RunBoundStatement(sqlite3* db, const std::string& sql,
   return 0;
 }
 
+long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operation,
+                      StatementLog log) {
+  long long result = conn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
+  if (log == StatementLog::kTableOperation) {
+    DB_LOG(kLogDebug, " Table::%s = %s\n", operation, sql.c_str());
+  }
+  if (result != 0) {
+    DB_LOG(kLogError, "ExecuteSQL for %s failed!error:%lld\n", operation, result);
+  }
+  return result;
+}
+
 long long RunTransactionStatement(const Table& table, bool begin, bool withLineEnd) {
   const char* sql = begin ? "begin;" : "commit;";
   long long result = table.parent->m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);

@@ -83,6 +83,16 @@ void LogSqliteFailure(SqliteCall call, int code, sqlite3* db);
 long long RunBoundStatement(sqlite3* db, const std::string& sql,
                             std::initializer_list<const BoundBlob*> blobs);
 
+// Which debug line ExecuteText writes after running a statement.
+enum class StatementLog { kNone, kTableOperation };
+
+// Runs `sql` through the connection's ExecuteSQL (the text path). With
+// kTableOperation it then logs " Table::<operation> = <sql>\n" at debug
+// level. A failure is logged as "ExecuteSQL for <operation>
+// failed!error:<result>\n". Returns ExecuteSQL's result.
+long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operation,
+                      StatementLog log = StatementLog::kNone);
+
 // Runs "begin;" (or "commit;" when `begin` is false) for a multi-record
 // operation and logs it at debug level as " Table::begin = ..." (or
 // " Table::end = ..."), followed by a line end when `withLineEnd`. A failure

@@ -14,35 +14,26 @@ using ipc_db::detail::BoundBlob;
 using ipc_db::detail::BuildUpdate;
 using ipc_db::detail::CheckConnection;
 using ipc_db::detail::DeleteStatement;
-using ipc_db::detail::kLogDebug;
+using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
+using ipc_db::detail::StatementLog;
 using ipc_db::detail::TableHandle;
 
 namespace {
 
 long long RunTextUpdate(const Table& table, const std::string& sql) {
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::update_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for update_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "update_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 long long RunDelete(const Table& table, const DbFilters& list) {
   std::string sql = DeleteStatement(table, list);
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::rmv_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for rmv_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "rmv_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 }  // namespace
