@@ -103,11 +103,13 @@ TEST_F(ExecQueueTest, ItemsComeOutInOrder) {
 TEST_F(ExecQueueTest, WaitReturnsAnItemPostedWhileWaiting) {
   SQLITE_DB_EXEC_QUEUE_ITEM item;
   std::memset(&item, 0, sizeof(item));
+  // Timed from before the poster starts, so that its 200 ms lie inside the
+  // measured time even when this thread reaches its wait late.
+  auto start = std::chrono::steady_clock::now();
   std::thread poster([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     conn_->NotifySqlExecCmd(Item(0, "posted"));
   });
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn_->WaitSqlExecCmd(item), 0);
   long long elapsed = MillisecondsSince(start);
   poster.join();
