@@ -28,7 +28,8 @@ using ipc_db_test::EventSchema;
 using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeEvent;
 using ipc_db_test::OpenEventDb;
-using ipc_db_test::Report;
+using ipc_db_test::JsonObject;
+using ipc_db_test::WriteResultJson;
 using ipc_db_test::TempDir;
 using ipc_db_test::ValueSlot;
 
@@ -191,14 +192,18 @@ TEST(SharedDb, FourThreadsInsertReadAndCountWithoutLosingARow) {
   EXPECT_EQ(table->get_item_cnt(none), total.rowsWritten);
   EXPECT_EQ(db.UnInit(), 0);
 
-  std::ostringstream line;
-  line << "concurrency threads=" << kThreads << " seconds=" << kRunTime.count()
-       << " rows_written=" << total.rowsWritten << " rows_lost=" << rowsLost
-       << " single_inserts=" << total.singleInserts
-       << " batch_inserts=" << total.batchInserts
-       << " batches_refused_at_begin=" << total.batchRefused << " reads=" << total.reads
-       << " rows_read=" << total.rowsRead << " counts=" << total.counts;
-  Report(line.str());
+  JsonObject json;
+  json.Add("threads", kThreads)
+      .Add("seconds", static_cast<long long>(kRunTime.count()))
+      .Add("rows_written", total.rowsWritten)
+      .Add("rows_lost", rowsLost)
+      .Add("single_inserts", total.singleInserts)
+      .Add("batch_inserts", total.batchInserts)
+      .Add("batches_refused_at_begin", total.batchRefused)
+      .Add("reads", total.reads)
+      .Add("rows_read", total.rowsRead)
+      .Add("counts", total.counts);
+  WriteResultJson("concurrency", "shared_db_threads", json.Text());
 }
 
 // Runs CDBConn::ExecThreadFun on a thread of its own and says when that
@@ -305,8 +310,9 @@ TEST(SharedDb, ExecutionWorkerRunsWhatTwoThreadsQueue) {
   ASSERT_EQ(db.OpenDB(), 0);
   EXPECT_EQ(db.m_pDBConn->GetRowCount("t_queued"), 2 * kPerThread);
   EXPECT_EQ(db.UnInit(), 0);
-  Report("concurrency execution_worker queued=" + std::to_string(2 * kPerThread) +
-         " committed=" + std::to_string(committed));
+  WriteResultJson(
+      "concurrency", "execution_worker",
+      JsonObject().Add("queued", 2 * kPerThread).Add("committed", committed).Text());
 }
 
 }  // namespace

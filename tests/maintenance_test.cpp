@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ConnTestSupport.h"
