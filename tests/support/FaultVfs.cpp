@@ -58,12 +58,14 @@ struct State {
   FailPlan plans[static_cast<int>(FaultOp::kCount)];
   unsigned long long injected = 0;
   long long budget = -1;
+  long long peakBytes = 0;
   std::map<std::string, long long> sizes;
   std::map<std::string, Entry> entries;
   bool cutArmed = false;
   unsigned long long cutAt = 0;
   uint32_t cutSeed = 0;
   int sectorSize = 512;
+  bool realSyncs = true;
 };
 
 State& TheState() {
@@ -280,6 +282,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
       ->changes.push_back(Inode::Change{
           false, offset, std::string(static_cast<const char*>(buffer), amount)});
   NoteSize(state, handle);
+  state.peakBytes = std::max(state.peakBytes, TotalSize(state));
   DurableOpDone(state);
   return rc;
 }
@@ -306,7 +309,8 @@ int FaultSync(sqlite3_file* file, int flags) {
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kSync);
   if (code != SQLITE_OK) return code;
-  int rc = handle->real->pMethods->xSync(handle->real, flags);
+  int rc =
+      state.realSyncs ? handle->real->pMethods->xSync(handle->real, flags) : SQLITE_OK;
   if (rc != SQLITE_OK) return rc;
   ++state.fileCounts[static_cast<int>(handle->kind)].syncs;
   std::shared_ptr<Inode> inode = InodeOf(state, handle->path);
@@ -561,6 +565,12 @@ void FaultVfs::Reset() {
   state.cutArmed = false;
 }
 
+void FaultVfs::SetRealSyncs(bool real) {
+  State& state = TheState();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.realSyncs = real;
+}
+
 void FaultVfs::ForgetFiles() {
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
@@ -574,6 +584,7 @@ void FaultVfs::ResetCounts() {
   for (auto& count : state.counts) count = 0;
   for (auto& counts : state.fileCounts) counts = FaultFileCounts();
   state.durableOps = 0;
+  state.peakBytes = TotalSize(state);
 }
 
 unsigned long long FaultVfs::Count(FaultOp op) {
@@ -621,6 +632,12 @@ long long FaultVfs::TrackedBytes() {
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   return TotalSize(state);
+}
+
+long long FaultVfs::PeakBytes() {
+  State& state = TheState();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  return state.peakBytes;
 }
 
 void FaultVfs::ArmPowerCut(unsigned long long afterOp, uint32_t seed, int sectorSize) {

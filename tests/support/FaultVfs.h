@@ -68,6 +68,10 @@ class FaultVfs {
   // Clears the counters, every plan and the budget. The power model's
   // record of files is kept (ForgetFiles clears it).
   static void Reset();
+  // With `real` false, a sync is counted and modelled but the disk is not
+  // asked to flush (the power model needs no real flush; campaigns run
+  // faster without). Syncs reach the disk by default.
+  static void SetRealSyncs(bool real);
   // Clears the power model's record of files and directory entries: the
   // files on disk count as synced again.
   static void ForgetFiles();
@@ -93,6 +97,8 @@ class FaultVfs {
   static void SetBudget(long long bytes);
   // Current total size of the files the VFS knows of.
   static long long TrackedBytes();
+  // Largest total size since the last ResetCounts().
+  static long long PeakBytes();
 
   // ---- Power cut ----
   // Cuts the power right after the `afterOp`-th durable operation counted
