@@ -5,18 +5,17 @@
 #include <string>
 
 #include "DBConn.h"
-#include "db/TableSql.h"
+#include "Log.h"
+#include "db/MemberDefaults.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
 using ipc_db::detail::ColumnName;
+using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
+using ipc_db::detail::kNoIndex;
 
 namespace {
-
-constexpr const char* kNoIndex = "NONE";
-
-long long Run(CDBConn* conn, const std::string& sql) {
-  return conn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-}
 
 // The first member of `meta` that records the index `name`, or null.
 Member* MemberWithIndex(const Meta* meta, const std::string& name) {
@@ -35,11 +34,7 @@ long long Table::add_index(std::string name, Member* member) {
   }
   std::string sql = "create index " + name + " on " + meta_data->type_name + "(" +
                     ColumnName(*this, member) + ")";
-  long long result = Run(parent->m_pDBConn, sql);
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for add_index failed!error:%lld\n", result);
-    return -1;
-  }
+  if (ExecuteText(parent->m_pDBConn, sql, "add_index") != 0) return -1;
   member->index_name = name;
   return 0;
 }
@@ -50,11 +45,8 @@ long long Table::drop_index(std::string name) {
     DB_LOG(kLogError, "index name has not found");
     return -1;
   }
-  long long result = Run(parent->m_pDBConn, "DROP index " + name + " ;");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for drop_index failed!error:%lld\n", result);
+  if (ExecuteText(parent->m_pDBConn, "DROP index " + name + " ;", "drop_index") != 0)
     return -1;
-  }
   member->index_name = kNoIndex;
   return 0;
 }
@@ -64,11 +56,9 @@ long long Table::table_vacuum() {
     DB_LOG(kLogError, "parent->m_pDBConn is null.");
     return -1;
   }
-  long long result = Run(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for VACUUM failed!error:%lld\n", result);
+  if (ExecuteText(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";", "VACUUM") !=
+      0)
     return -1;
-  }
   return 0;
 }
 
@@ -77,10 +67,6 @@ long long Db::db_vacuum() {
     DB_LOG(kLogError, "m_pDBConn is null.");
     return -1;
   }
-  long long result = Run(m_pDBConn, "VACUUM;");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for VACUUM failed!error:%lld\n", result);
-    return -1;
-  }
+  if (ExecuteText(m_pDBConn, "VACUUM;", "VACUUM") != 0) return -1;
   return 0;
 }

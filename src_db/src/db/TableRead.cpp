@@ -8,7 +8,8 @@
 #include <vector>
 
 #include "DBConn.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
 using ipc_db::detail::CheckConnection;
 using ipc_db::detail::ColumnKind;

@@ -7,80 +7,33 @@
 #include <string>
 
 #include "DBConn.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendBlobTerm;
-using ipc_db::detail::AppendFilterClause;
-using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::BuildUpdate;
 using ipc_db::detail::CheckConnection;
-using ipc_db::detail::IsBlobTerm;
-using ipc_db::detail::kLogDebug;
+using ipc_db::detail::DeleteStatement;
+using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
-using ipc_db::detail::kLogInfo;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
+using ipc_db::detail::StatementLog;
 using ipc_db::detail::TableHandle;
 
 namespace {
 
-// Appends the assignments of `set`, separated by ", ". Only equal terms are
-// allowed; false (logged) for any other operator.
-bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
-                       BoundBlob* blob) {
-  for (size_t i = 0; i < set.filters.size(); ++i) {
-    DbFilter* term = set.filters[i];
-    if (term->op != DB_FILTER_OP_EQ) {
-      DB_LOG(kLogError, "op is not equal\n");
-      return false;
-    }
-    if (i > 0) sql->append(", ");
-    if (IsBlobTerm(term)) {
-      AppendBlobTerm(table, term, sql, blob);
-    } else {
-      AppendTerm(table, term, sql);
-    }
-  }
-  return true;
-}
-
 long long RunTextUpdate(const Table& table, const std::string& sql) {
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::update_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for update_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
-}
-
-// "delete from <table>", and " where " with the terms joined by " and ".
-std::string DeleteStatement(const Table& table, const DbFilters& list) {
-  std::string sql = "delete from " + table.meta_data->type_name;
-  if (list.filters.empty()) {
-    DB_LOG(kLogInfo, "filters is null!\n");
-  } else {
-    sql.append(" where ");
-    for (size_t i = 0; i < list.filters.size(); ++i) {
-      if (i > 0) sql.append(" and ");
-      AppendTerm(table, list.filters[i], &sql);
-    }
-  }
-  sql.append(";");
-  return sql;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "update_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 long long RunDelete(const Table& table, const DbFilters& list) {
   std::string sql = DeleteStatement(table, list);
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::rmv_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for rmv_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "rmv_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -91,12 +44,10 @@ long long Table::update_item(DbFilters& set, DbFilters& where) {
     DB_LOG(kLogError, "filters is empty.\n");
     return -1;
   }
-  std::string sql = "update " + meta_data->type_name + " set ";
+  std::string sql;
   BoundBlob setBlob;
   BoundBlob whereBlob;
-  if (!AppendAssignments(*this, set, &sql, &setBlob)) return -1;
-  if (!AppendFilterClause(*this, where, &sql, &whereBlob)) return -1;
-  sql.append(";");
+  if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
   if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
   return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
 }
