@@ -45,15 +45,27 @@ def table(rows, columns, headers=None):
     return lines
 
 
+def rows_table(rows, first=None):
+    columns = [first] if first else []
+    for row in rows:
+        columns += [k for k in row if k not in columns]
+    return table(rows, columns)
+
+
 def generic(data):
     values = list(data.values())
     if values and all(isinstance(v, dict) for v in values):
-        columns = []
-        for value in values:
-            columns += [k for k in value if k not in columns]
-        rows = [dict(file=name, **value) for name, value in data.items()]
-        return table(rows, ["file"] + columns)
-    return [f"- {name}: {cell(value)}" for name, value in data.items()]
+        return rows_table([dict(file=name, **value) for name, value in data.items()],
+                          "file")
+    lines = []
+    for name, value in data.items():
+        if isinstance(value, list) and value and all(isinstance(v, dict) for v in value):
+            lines += ["", f"## {name}", ""] + rows_table(value)
+        elif isinstance(value, dict):
+            lines += ["", f"## {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
+        else:
+            lines.append(f"- {name}: {cell(value)}")
+    return lines
 
 
 def columns_of(data, columns, headers):
@@ -172,7 +184,7 @@ def main():
             f.write("\n")
         lines = RENDERERS.get(group, generic)(data)
         with open(os.path.join(reports, group + ".md"), "w") as f:
-            f.write(f"# {group}\n\n" + "\n".join(lines) + "\n")
+            f.write(f"# {group}\n\n" + "\n".join(lines).lstrip("\n") + "\n")
         print(f"wrote {reports}/{group}.json and {group}.md")
 
 
