@@ -36,9 +36,21 @@ def rendered(build_dir, group):
     return "\n".join(lines).strip() + "\n"
 
 
+def source_dir(build_dir):
+    """The source tree the build directory was configured from."""
+    try:
+        with open(os.path.join(build_dir, "CMakeCache.txt")) as f:
+            for line in f:
+                if line.startswith("CMAKE_HOME_DIRECTORY:"):
+                    return line.split("=", 1)[1].strip()
+    except OSError:
+        pass
+    return "."
+
+
 def provenance(build_dir):
-    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"],
-                            capture_output=True, text=True).stdout.strip() or "?"
+    commit = subprocess.run(["git", "-C", source_dir(build_dir), "rev-parse", "--short",
+                             "HEAD"], capture_output=True, text=True).stdout.strip() or "?"
     day = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
     return f"Figures published on {day} from `{build_dir}` at commit `{commit}`.\n"
 
