@@ -2,9 +2,11 @@
 // FaultCampaign.h).
 #include "FaultCampaign.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <random>
@@ -141,7 +143,7 @@ long long FaultSession::Execute(const std::string& sql) {
 
 void FaultSession::Close() {
   table_.reset();
-  if (open_) db_.UnInit();
+  if (open_ || db_.m_pDBConn != nullptr) db_.UnInit();
   open_ = false;
 }
 
@@ -284,7 +286,20 @@ void PrepareChild() {
 ChildEnd WaitChild(pid_t child) {
   ChildEnd end;
   int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) return end;
+  if (child < 0) return end;
+  // A child that hangs (a lock left held) is killed after 30 s and
+  // counts as ended by SIGKILL.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  pid_t waited;
+  while ((waited = waitpid(child, &status, WNOHANG)) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(child, SIGKILL);
+      waited = waitpid(child, &status, 0);
+      break;
+    }
+    usleep(500);
+  }
+  if (waited != child) return end;
   end.exited = WIFEXITED(status);
   end.status = end.exited ? WEXITSTATUS(status) : WTERMSIG(status);
   return end;

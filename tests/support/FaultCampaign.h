@@ -154,20 +154,30 @@ struct ChildEnd {
   bool exited = false;
   int status = 0;  // exit status, or the signal
 };
-// Forks; the child runs `body` and _exits with its result. The parent
-// waits. The child first clears the fault VFS's plans and records.
+// Forks; the child runs `body` and _exits with its result (or with
+// kExceptionExitStatus when an exception leaves it). The parent waits. The child first
+// clears the fault VFS's plans and records.
 template <typename Body>
 ChildEnd RunChild(Body body);
 
 ChildEnd WaitChild(pid_t child);
 void PrepareChild();
 
+// Exit status of a child whose body let an exception out (which gtest in
+// the child would otherwise catch and report as a failure of its own).
+constexpr int kExceptionExitStatus = 99;
+
 template <typename Body>
 ChildEnd RunChild(Body body) {
   pid_t child = fork();
   if (child == 0) {
     PrepareChild();
-    _exit(body());
+    int status = kExceptionExitStatus;
+    try {
+      status = body();
+    } catch (...) {
+    }
+    _exit(status);
   }
   return WaitChild(child);
 }
