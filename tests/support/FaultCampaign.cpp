@@ -89,6 +89,11 @@ std::vector<BatchState> StatesOf(const std::vector<WorkCall>& calls) {
 FaultSession::~FaultSession() { Close(); }
 
 long long FaultSession::Open(const std::string& dir, const FaultSetting& setting) {
+  long long rc = OpenFile(dir, setting);
+  return rc != 0 ? rc : MakeTable();
+}
+
+long long FaultSession::OpenFile(const std::string& dir, const FaultSetting& setting) {
   long long rc = OpenEventDb(db_, dir, kFaultFile, setting.Key());
   if (rc != 0) return rc;
   open_ = true;
@@ -104,6 +109,10 @@ long long FaultSession::Open(const std::string& dir, const FaultSetting& setting
       Execute("PRAGMA synchronous = " + setting.synchronous + ";") != 0) {
     return -1;
   }
+  return 0;
+}
+
+long long FaultSession::MakeTable() {
   table_.reset(db_.createTable(schema_.meta(), EventSchema::kAnalyzeName));
   return table_ != nullptr ? 0 : -1;
 }

@@ -72,6 +72,9 @@ class FaultSession {
 
   // Init, OpenDB, journal mode, synchronous, createTable. 0 on success.
   long long Open(const std::string& dir, const FaultSetting& setting);
+  // The same without createTable; then MakeTable. 0 on success.
+  long long OpenFile(const std::string& dir, const FaultSetting& setting);
+  long long MakeTable();
   long long Run(const WorkCall& call);
   // The guide's recovery step after a failed multi-record call: rollback.
   void Recover(const WorkCall& call);
