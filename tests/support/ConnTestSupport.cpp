@@ -9,6 +9,8 @@
 #include <fstream>
 #include <thread>
 
+#include "WaitBounds.h"
+
 namespace ipc_db_test {
 
 std::unique_ptr<CSqliteDBConn> MakeConn(const std::string& dir, const std::string& file) {
@@ -150,7 +152,8 @@ bool StartExecWorker(CSqliteDBConn* conn) {
   conn->m_bExecThreadStarted = 1;
   pthread_t thread;
   if (pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, conn) != 0) return false;
-  return WaitFor([conn] { return LoadFlag(conn->m_bExecThreadRunning) == 1; }, 2000);
+  return WaitFor([conn] { return LoadFlag(conn->m_bExecThreadRunning) == 1; },
+                 kConditionWaitMs);
 }
 
 bool StartMaintenanceWorker(CDBConn* conn) {
@@ -160,7 +163,8 @@ bool StartMaintenanceWorker(CDBConn* conn) {
   if (pthread_create(&thread, nullptr, &CDBConn::MaintenanceThreadFun, conn) != 0) {
     return false;
   }
-  return WaitFor([conn] { return LoadFlag(conn->m_bMaintainThreadRunning) == 1; }, 2000);
+  return WaitFor([conn] { return LoadFlag(conn->m_bMaintainThreadRunning) == 1; },
+                 kConditionWaitMs);
 }
 
 bool WakeUntil(pthread_mutex_t* mutex, pthread_cond_t* cond,

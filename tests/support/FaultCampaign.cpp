@@ -2,9 +2,11 @@
 // FaultCampaign.h).
 #include "FaultCampaign.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <random>
@@ -87,6 +89,11 @@ std::vector<BatchState> StatesOf(const std::vector<WorkCall>& calls) {
 FaultSession::~FaultSession() { Close(); }
 
 long long FaultSession::Open(const std::string& dir, const FaultSetting& setting) {
+  long long rc = OpenFile(dir, setting);
+  return rc != 0 ? rc : MakeTable();
+}
+
+long long FaultSession::OpenFile(const std::string& dir, const FaultSetting& setting) {
   long long rc = OpenEventDb(db_, dir, kFaultFile, setting.Key());
   if (rc != 0) return rc;
   open_ = true;
@@ -102,6 +109,10 @@ long long FaultSession::Open(const std::string& dir, const FaultSetting& setting
       Execute("PRAGMA synchronous = " + setting.synchronous + ";") != 0) {
     return -1;
   }
+  return 0;
+}
+
+long long FaultSession::MakeTable() {
   table_.reset(db_.createTable(schema_.meta(), EventSchema::kAnalyzeName));
   return table_ != nullptr ? 0 : -1;
 }
@@ -141,7 +152,7 @@ long long FaultSession::Execute(const std::string& sql) {
 
 void FaultSession::Close() {
   table_.reset();
-  if (open_) db_.UnInit();
+  if (open_ || db_.m_pDBConn != nullptr) db_.UnInit();
   open_ = false;
 }
 
@@ -284,7 +295,20 @@ void PrepareChild() {
 ChildEnd WaitChild(pid_t child) {
   ChildEnd end;
   int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) return end;
+  if (child < 0) return end;
+  // A child that hangs (a lock left held) is killed after 30 s and
+  // counts as ended by SIGKILL.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  pid_t waited;
+  while ((waited = waitpid(child, &status, WNOHANG)) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(child, SIGKILL);
+      waited = waitpid(child, &status, 0);
+      break;
+    }
+    usleep(500);
+  }
+  if (waited != child) return end;
   end.exited = WIFEXITED(status);
   end.status = end.exited ? WEXITSTATUS(status) : WTERMSIG(status);
   return end;

@@ -72,6 +72,9 @@ class FaultSession {
 
   // Init, OpenDB, journal mode, synchronous, createTable. 0 on success.
   long long Open(const std::string& dir, const FaultSetting& setting);
+  // The same without createTable; then MakeTable. 0 on success.
+  long long OpenFile(const std::string& dir, const FaultSetting& setting);
+  long long MakeTable();
   long long Run(const WorkCall& call);
   // The guide's recovery step after a failed multi-record call: rollback.
   void Recover(const WorkCall& call);
@@ -154,20 +157,30 @@ struct ChildEnd {
   bool exited = false;
   int status = 0;  // exit status, or the signal
 };
-// Forks; the child runs `body` and _exits with its result. The parent
-// waits. The child first clears the fault VFS's plans and records.
+// Forks; the child runs `body` and _exits with its result (or with
+// kExceptionExitStatus when an exception leaves it). The parent waits. The child first
+// clears the fault VFS's plans and records.
 template <typename Body>
 ChildEnd RunChild(Body body);
 
 ChildEnd WaitChild(pid_t child);
 void PrepareChild();
 
+// Exit status of a child whose body let an exception out (which gtest in
+// the child would otherwise catch and report as a failure of its own).
+constexpr int kExceptionExitStatus = 99;
+
 template <typename Body>
 ChildEnd RunChild(Body body) {
   pid_t child = fork();
   if (child == 0) {
     PrepareChild();
-    _exit(body());
+    int status = kExceptionExitStatus;
+    try {
+      status = body();
+    } catch (...) {
+    }
+    _exit(status);
   }
   return WaitChild(child);
 }

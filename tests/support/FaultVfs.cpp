@@ -524,14 +524,15 @@ struct AllocState {
   std::atomic<unsigned long long> failed{0};
   std::atomic<unsigned long long> failAt{0};  // allocation index, 0: none
   std::atomic<bool> persistent{false};
-  sqlite3_mem_methods sqliteDefault;
+  sqlite3_mem_methods sqliteDefault{};
   bool installed = false;
 };
 
-AllocState& TheAlloc() {
-  static AllocState* state = new AllocState;
-  return *state;
-}
+// Constant-initialized: operator new of a test binary consults it, so it
+// must exist before any allocation and never allocate itself.
+AllocState g_alloc;
+
+AllocState& TheAlloc() { return g_alloc; }
 
 void* AllocMalloc(int size) {
   if (FaultAlloc::TakeAllocation()) return nullptr;
