@@ -41,6 +41,13 @@ constexpr unsigned long long kPauseSettleMs = 2000;
 
 const char* const kCountColumn = "count(*)";
 
+// True when `text` is set; otherwise logs "RECORD: <what> is null".
+bool IsSet(const char* text, const char* what) {
+  if (text != nullptr) return true;
+  RECORD_LOG(kModule, kLogError, "%s is null", what);
+  return false;
+}
+
 // Zeroes a queue item, logging (and going on) if the bounded set fails.
 template <typename Item>
 void ZeroItem(Item* item) {
@@ -309,6 +316,8 @@ long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
     if (queued != 0) RECORD_LOG(kModule, kLogError, "NotifySqlExecCmd failed");
     return queued;
   }
+  // A null statement is refused here; SQLite would run it as an empty one.
+  if (!IsSet(sql, "sql")) return DB_ERR_EXEC;
   char* message = nullptr;
   int code;
   if (result != nullptr) {
@@ -343,6 +352,7 @@ long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
     RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
     return 0;
   }
+  if (!IsSet(sql, "sql")) return 0;
   DB_EXEC_RESULT result = {0, 0, nullptr};
   if (ExecuteSQL(sql, &result, DB_EXEC_SQL_SYNC) != 0) {
     FreeExecuteResult(&result);
@@ -361,6 +371,7 @@ int CSqliteDBConn::WhetherTableExist(const char* table) {
     RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
     return 0;
   }
+  if (!IsSet(table, "table")) return 0;
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from sqlite_master where type = 'table' "
                            "and name = '%s'",
@@ -381,6 +392,7 @@ long long CSqliteDBConn::GetRowCount(const char* table) {
     RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
     return 0;
   }
+  if (!IsSet(table, "table")) return 0;
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from %s", table);
   if (written < 1) {
@@ -599,6 +611,7 @@ long long CSqliteDBConn::RestoreDB() { return BackUpDB(); }
 // ---- Encryption and journal mode ------------------------------------------
 
 long long CSqliteDBConn::ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
+  if (!IsSet(szEncryptKey, "szEncryptKey")) return DB_ERR_ENCRYPT;
   if (m_szEncryptKey[0] == 0 || szEncryptKey[0] == 0) {
     RECORD_LOG(kModule, kLogInfo, "SqliteDB is not Encypt");
     return DB_ERR_ENCRYPT;

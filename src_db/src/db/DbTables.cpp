@@ -13,6 +13,7 @@
 #include "Meta.h"
 #include "Table.h"
 #include "TableChange.h"
+#include "db/CallerChecks.h"
 
 namespace {
 
@@ -43,6 +44,24 @@ std::string DefaultText(const Member* member, const std::string& value) {
   return "'" + value + "'";
 }
 
+// True when the Db has a connection; otherwise logs "<operation> m_pDBConn is
+// null.\n".
+bool HasConnection(const Db& db, const char* operation) {
+  if (db.m_pDBConn != nullptr) return true;
+  DB_LOG(ipc_db::detail::kLogError, "%s m_pDBConn is null.\n", operation);
+  return false;
+}
+
+// The members of `change` can be added: at least one, none null, each with a
+// type description.
+bool CheckChange(const TableChange& change) {
+  if (change.members.empty()) {
+    DB_LOG(ipc_db::detail::kLogError, "TableChange is empty.\n");
+    return false;
+  }
+  return ipc_db::detail::CheckMembers(change.members, "TableChange");
+}
+
 // True when the result of a one-column query holds a first value.
 bool HasFirstValue(const DB_EXEC_RESULT& result) {
   const long long entries =
@@ -59,6 +78,10 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
   }
   if (meta->members.empty()) {
     DB_LOG(ipc_db::detail::kLogError, "members is empty!\n");
+    return nullptr;
+  }
+  if (!HasConnection(*this, "Db::createTable") ||
+      !ipc_db::detail::CheckMembers(meta->members, "meta_data")) {
     return nullptr;
   }
   Table* table = new (std::nothrow) Table(this, meta, analyze_name);
@@ -107,6 +130,7 @@ long long Db::destroyTable(Meta* meta) {
     DB_LOG(ipc_db::detail::kLogError, "Db::destroyTable meta_data is null.\n");
     return -1;
   }
+  if (!HasConnection(*this, "Db::destroyTable")) return -1;
   if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) != 1) {
     DB_LOG(ipc_db::detail::kLogError, "table %s has destroy!\n", meta->type_name.c_str());
     return 0;
@@ -151,6 +175,7 @@ int Db::getTableStatus(std::string& tableName) {
 
 long long Db::updateTable(std::string tableName, TableChange& change,
                           std::string defaultValue, int analyze_name) {
+  if (!HasConnection(*this, "Db::updateTable") || !CheckChange(change)) return -1;
   std::string sql = "ALTER TABLE " + tableName + " ";
   const std::vector<Member*>& members = change.members;
   for (size_t i = 0; i < members.size(); ++i) {

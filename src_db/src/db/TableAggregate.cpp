@@ -6,9 +6,13 @@
 #include <string>
 
 #include "DBConn.h"
+#include "db/CallerChecks.h"
 #include "db/TableSql.h"
 
 using ipc_db::detail::AppendFilterClause;
+using ipc_db::detail::CheckColumnTerms;
+using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckTableObjects;
 using ipc_db::detail::ColumnName;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
@@ -59,6 +63,7 @@ void LogExtremumFailed(bool isMax) {
 
 long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
                       const DbFilters& filters, std::string& out) {
+  if (!CheckTableObjects(table)) return -1;
   CDBConn* conn = table.parent->m_pDBConn;
   if (conn == nullptr) {
     DB_LOG(kLogError, "parent->m_pDBConn is null.");
@@ -68,6 +73,7 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
     LogOneFieldOnly(kind.isMax);
     return -1;
   }
+  if (!CheckColumnTerms(col) || !CheckFilterTerms(filters)) return -1;
   const Member* member = col.filters[0]->member;
   std::string sql = kind.function + ColumnName(table, member) + ")" + " from " +
                     table.meta_data->type_name;
@@ -90,11 +96,13 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
 }  // namespace
 
 long long Table::get_item_cnt(DbFilters& filters) {
+  if (!CheckTableObjects(*this)) return -1;
   CDBConn* conn = parent->m_pDBConn;
   if (conn == nullptr) {
     DB_LOG(kLogError, "parent->m_pDBConn is null.");
     return -1;
   }
+  if (!CheckFilterTerms(filters)) return -1;
   std::string sql = "select count(*) from " + meta_data->type_name;
   if (!AppendFilterClause(*this, filters, &sql)) return -1;
   sql.append(";");

@@ -10,12 +10,18 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "db/CallerChecks.h"
 #include "db/FieldText.h"
 #include "db/TableSql.h"
 
 using ipc_db::detail::AppendFieldChars;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::CheckByteSize;
+using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
+using ipc_db::detail::CheckMembers;
+using ipc_db::detail::CheckOpenHandle;
+using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::ColumnName;
 using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::kLogError;
@@ -41,12 +47,18 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
     DB_LOG(kLogError, "members is null\n");
     return false;
   }
+  if (!CheckMembers(table.meta_data->members, "meta_data") ||
+      !CheckColumnTerms(filters)) {
+    return false;
+  }
   if (!filters.filters.empty() &&
       !EveryMemberMatches(SelectedMembers(table, filters), table.meta_data->members)) {
     DB_LOG(kLogError, "filter doesn't match meta_data");
     return false;
   }
-  return true;
+  // The records are read at the members' offsets with the Meta's stride.
+  return CheckRecordLayout(*table.meta_data, "meta_data") &&
+         CheckByteSize(itemcnt, table.meta_data->type_size) && CheckOpenHandle(table);
 }
 
 // "insert into <table>(<col>,<col>...) values (" — the same for every record.

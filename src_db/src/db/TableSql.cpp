@@ -7,6 +7,7 @@
 #include "DBConn.h"
 #include "SQLiteDBConn.h"
 #include "bounded_mem.h"
+#include "db/CallerChecks.h"
 #include "db/TermText.h"
 
 namespace ipc_db::detail {
@@ -44,6 +45,7 @@ const char* Joint(DbFilterOperator current, DbFilterOperator next) {
 }  // namespace
 
 bool CheckConnection(const Table& table) {
+  if (!CheckTableObjects(table)) return false;
   if (table.parent->m_pDBConn != nullptr) return true;
   DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
   return false;

@@ -7,13 +7,17 @@
 #include <string>
 
 #include "DBConn.h"
+#include "db/CallerChecks.h"
 #include "db/TableSql.h"
 
 using ipc_db::detail::AppendBlobTerm;
 using ipc_db::detail::AppendFilterClause;
 using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckConnection;
+using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::IsBlobTerm;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
@@ -24,16 +28,23 @@ using ipc_db::detail::TableHandle;
 
 namespace {
 
-// Appends the assignments of `set`, separated by ", ". Only equal terms are
-// allowed; false (logged) for any other operator.
-bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
-                       BoundBlob* blob) {
-  for (size_t i = 0; i < set.filters.size(); ++i) {
-    DbFilter* term = set.filters[i];
-    if (term->op != DB_FILTER_OP_EQ) {
+// Only equal terms may assign, each usable as a condition; false (logged)
+// for any other operator or an unusable term.
+bool CheckAssignments(const DbFilters& set) {
+  for (const DbFilter* term : set.filters) {
+    if (term != nullptr && term->op != DB_FILTER_OP_EQ) {
       DB_LOG(kLogError, "op is not equal\n");
       return false;
     }
+  }
+  return CheckFilterTerms(set);
+}
+
+// Appends the assignments of `set`, separated by ", ".
+void AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
+                       BoundBlob* blob) {
+  for (size_t i = 0; i < set.filters.size(); ++i) {
+    DbFilter* term = set.filters[i];
     if (i > 0) sql->append(", ");
     if (IsBlobTerm(term)) {
       AppendBlobTerm(table, term, sql, blob);
@@ -41,7 +52,6 @@ bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sq
       AppendTerm(table, term, sql);
     }
   }
-  return true;
 }
 
 long long RunTextUpdate(const Table& table, const std::string& sql) {
@@ -83,6 +93,20 @@ long long RunDelete(const Table& table, const DbFilters& list) {
   return 0;
 }
 
+// The array of lists is set and every term of every list is usable, so that
+// no delete runs before a later list is found wrong.
+bool CheckRemoveLists(const DbFilters* filters, unsigned long long itemcnt) {
+  if (filters == nullptr) {
+    DB_LOG(kLogError, "filters is null.\n");
+    return false;
+  }
+  if (!CheckByteSize(itemcnt, sizeof(DbFilters))) return false;
+  for (unsigned long long i = 0; i < itemcnt; ++i) {
+    if (!CheckFilterTerms(filters[i])) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 long long Table::update_item(DbFilters& set, DbFilters& where) {
@@ -91,13 +115,15 @@ long long Table::update_item(DbFilters& set, DbFilters& where) {
     DB_LOG(kLogError, "filters is empty.\n");
     return -1;
   }
+  if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
   std::string sql = "update " + meta_data->type_name + " set ";
   BoundBlob setBlob;
   BoundBlob whereBlob;
-  if (!AppendAssignments(*this, set, &sql, &setBlob)) return -1;
+  AppendAssignments(*this, set, &sql, &setBlob);
   if (!AppendFilterClause(*this, where, &sql, &whereBlob)) return -1;
   sql.append(";");
   if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
+  if (!CheckOpenHandle(*this)) return -1;
   return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
 }
 
@@ -107,6 +133,7 @@ long long Table::rmv_item(DbFilters* filters, unsigned long long itemcnt) {
     DB_LOG(kLogError, "itemcnt values is  wrong.\n");
     return -1;
   }
+  if (!CheckRemoveLists(filters, itemcnt)) return -1;
   bool batch = itemcnt > 1;
   if (batch && RunTransactionStatement(*this, true, true) != 0) return -1;
   for (unsigned long long i = 0; i < itemcnt; ++i) {
