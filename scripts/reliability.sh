@@ -75,7 +75,7 @@ fuzz_stage() {
   fi
   : >"$logs/fuzz.summary"
   local target
-  for target in filter_render_fuzzer naming_fuzzer get_item_fuzzer; do
+  for target in filter_render_fuzzer naming_fuzzer get_item_fuzzer call_sequence_fuzzer; do
     local fresh=build/fuzz/new-corpus/$target artifacts=build/fuzz/artifacts/$target
     rm -rf "$fresh" "$artifacts"
     mkdir -p "$fresh" "$artifacts"

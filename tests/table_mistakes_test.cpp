@@ -673,5 +673,24 @@ TEST_F(TableMistakes, MinWithANullTextFilterValue) {
   ExpectRefused(result, log, "filter value is null.\n");
 }
 
+// Found by call_sequence_fuzzer: a query that yields no row at all left a
+// result table without a value cell, and the cell after the heading was read
+// all the same.
+TEST_F(TableMistakes, AggregatesWithALimitOfZero) {
+  DbFilters limit(1, new DbFilter(nullptr, DB_FILTER_OP_LIMIT, IntSlot(0), nullptr));
+  LogCapture log;
+  EXPECT_EQ(table_->get_item_cnt(limit), 0);
+  DbFilters col(1, Term("cName", DB_FILTER_OP_EQ, nullptr));
+  std::string out = "unchanged";
+  EXPECT_EQ(table_->get_item_max(col, limit, out), 0);
+  EXPECT_EQ(out, "");
+  out = "unchanged";
+  EXPECT_EQ(table_->get_item_min(col, limit, out), 0);
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(log.CountAtLevel(3), 0u) << log.Dump();
+  EXPECT_EQ(Snapshot(), before_);
+  EXPECT_EQ(table_->get_item_cnt(none_), 3);
+}
+
 }  // namespace
 }  // namespace ipc_db_test
