@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes docs/performance.md from the JSON output of the pair benchmarks
+"""Writes the performance report (bench/run: <build dir>/reports/performance.md,
+which scripts/publish-reports.py copies into docs/performance.md) from the JSON output of the pair benchmarks
 (and the callgrind table, when present), as bench/run collects them: one
 file per binary and round, <binary>.roundNN.json.
 

@@ -1,15 +1,30 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing ipc_db need, skipping
-# those already present. Tolerates a transient `apt-get update` failure (a
-# mirror that is syncing): the other indexes are still usable.
+# Installs the Debian packages that one purpose needs, skipping those
+# already present:
+#   demo  the host build of the library and its example (compiler, CMake,
+#         SQLCipher and its shell, which the repair tool wraps)
+#   test  demo + what the quick test tier builds and runs (GoogleTest,
+#         Google Benchmark, pkg-config for the package test, python3 for the
+#         reports)
+#   full  test + the full tier's tools (valgrind, clang-14 and its libFuzzer
+#         runtime, the armhf cross compiler and qemu-arm; the armhf libraries
+#         come from scripts/make-armhf-sysroot.sh)
+# Tolerates a transient `apt-get update` failure (a mirror that is
+# syncing): the other indexes are still usable.
+#
+# Usage: scripts/install-deps.sh [demo|test|full]   (default: full)
 set -euo pipefail
 
-# The test command also cross-builds for 32-bit ARM and runs that suite under
-# qemu-arm, so the cross compiler and the emulator are always needed; the
-# armhf libraries come from scripts/make-armhf-sysroot.sh.
-packages=(cmake g++ make pkg-config libsqlcipher-dev sqlcipher libgtest-dev
-          g++-arm-linux-gnueabihf qemu-user
-          libbenchmark-dev valgrind clang libclang-rt-14-dev python3)
+demo=(cmake g++ make libsqlcipher-dev sqlcipher)
+test=("${demo[@]}" libgtest-dev libbenchmark-dev pkg-config python3)
+full=("${test[@]}" valgrind clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user)
+
+case "${1:-full}" in
+  demo) packages=("${demo[@]}") ;;
+  test) packages=("${test[@]}") ;;
+  full) packages=("${full[@]}") ;;
+  *) echo "usage: $0 demo|test|full" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,39 +1,99 @@
 #!/usr/bin/env bash
-# Builds ipc_db with its tests and runs the whole suite: on the host, then
-# the reliability stages (sanitizers, valgrind, fuzzing), and last
-# cross-built for 32-bit ARM (armhf, the device's processor) with every
-# test run under qemu-arm. Installs missing packages and makes the armhf
-# sysroot first. Prints the stripped size of the armhf libipc_db.so. Exits
-# non-zero when either suite fails; ends with ctest's summary of the ARM run.
-set -euo pipefail
+# Builds ipc_db with its tests and runs them, in one of two tiers:
+#
+#   bash scripts/test.sh          quick tier: installs what the host build and
+#                                 its tests need, builds build/default, runs
+#                                 the whole host suite; ends with ctest's
+#                                 summary (a few minutes)
+#   bash scripts/test.sh --full   full tier (what CI runs): the host suite
+#                                 under load (ctest -j6, each test up to 3
+#                                 times), valgrind, the fuzzers, ThreadSanitizer,
+#                                 the suite under ASan+UBSan, and the armhf
+#                                 cross build with its suite under qemu-arm
+#                                 (-j4, each test up to 2 times); ends with a
+#                                 per-stage time table and the suites' ctest
+#                                 summaries
+#
+# Every stage runs even when an earlier one failed; the exit status is
+# non-zero when any failed. Figures go to build/default/results/<group>/
+# (JSON) and are rendered into build/default/reports/ (render-reports.py);
+# nothing tracked is written. Tool logs are in build/default/logs/.
+set -uo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+full=0
+case "${1:-}" in
+  "") ;;
+  --full) full=1 ;;
+  *) echo "usage: $0 [--full]" >&2; exit 2 ;;
+esac
 
 jobs=$(nproc 2>/dev/null || echo 2)
+build=build/default
+results=$build/results
+logs=$build/logs
 status=0
+stage_lines=()
+
+# stage NAME COMMAND...: runs one stage, times it, records the outcome.
+stage() {
+  local name=$1 started=$SECONDS rc=0
+  shift
+  printf '\n== %s\n' "$name"
+  "$@" || rc=$?
+  local seconds=$((SECONDS - started)) result=ok
+  [[ $rc -eq 0 ]] || { result=failed; status=1; echo "== stage FAILED: $name"; }
+  stage_lines+=("$(printf '%-40s %6d s  %s' "$name" "$seconds" "$result")")
+  mkdir -p "$results/stages"
+  printf '{"order": %d, "stage": "%s", "seconds": %d, "result": "%s"}\n' \
+    "${#stage_lines[@]}" "$name" "$seconds" "$result" \
+    >"$results/stages/$(printf '%02d' "${#stage_lines[@]}")-${name//[^A-Za-z0-9]/_}.json"
+}
+
+# suite NAME PRESET CTEST-ARGS...: runs a ctest suite, keeps its log and
+# summary (results/suites/NAME.json).
+suite() {
+  local name=$1 preset=$2
+  shift 2
+  ctest --preset "$preset" "$@" 2>&1 | tee "$logs/ctest-$name.log"
+  local rc=${PIPESTATUS[0]}
+  python3 scripts/tool-results.py ctest "$logs/ctest-$name.log" \
+    "$results/suites/$name.json" preset="$preset" arguments="$*"
+  return "$rc"
+}
+
+host_build() {
+  cmake --preset default >/dev/null && cmake --build --preset default -j "$jobs"
+}
+
+bash scripts/install-deps.sh "$([[ $full -eq 1 ]] && echo full || echo test)" || exit 1
+rm -rf "$results" "$build/reports"
+mkdir -p "$logs"
 started=$SECONDS
+stage "host build (build/default)" host_build
+if [[ $full -eq 0 ]]; then
+  stage "host suite" suite host default -j 4
+  python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || status=1
+  exit $status
+fi
 
-echo "== host: build and test (build/default)"
-cmake --preset default >/dev/null
-cmake --build --preset default -j "$jobs"
-ctest --preset default -j "$jobs" || status=1
-host_seconds=$((SECONDS - started))
+source scripts/full-stages.sh
+stage "host suite, -j6 up to 3 times" suite host default -j 6 --repeat until-fail:3
+stage "valgrind memcheck" valgrind_stage
+stage "fuzzers (build/fuzz)" fuzz_stage
+stage "ThreadSanitizer (build/tsan)" tsan_stage
+stage "ASan+UBSan build (build/asan)" asan_build
+stage "ASan+UBSan suite" asan_suite
+stage "armhf sysroot and build (build/armhf)" armhf_build
+stage "armhf suite, -j4 up to 2 times" suite armhf armhf -j 4 --repeat until-fail:2
+python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || status=1
 
-# Reliability stages: valgrind over the record-operation tests, the fuzzers
-# (60 s each), the concurrency test under ThreadSanitizer, and the whole
-# suite under AddressSanitizer + UndefinedBehaviorSanitizer. Writes
-# docs/reliability.md.
-echo "== reliability stages (scripts/reliability.sh)"
-bash scripts/reliability.sh "$jobs" || status=1
-
-echo "== armhf: cross build, tests under qemu-arm (build/armhf)"
-arm_started=$SECONDS
-bash scripts/make-armhf-sysroot.sh build/sysroot-armhf
-cmake --preset armhf >/dev/null
-cmake --build --preset armhf -j "$jobs"
-cat build/armhf/libipc_db.size.txt
-echo "test.sh: host build and suite took ${host_seconds} s," \
-     "armhf sysroot and build $((SECONDS - arm_started)) s; the armhf suite follows"
-ctest --preset armhf -j "$jobs" || status=1
+printf '\n== stage times (total %d s)\n' "$((SECONDS - started))"
+printf '%s\n' "${stage_lines[@]}"
+printf '\n== suites (reports in %s/reports)\n' "$build"
+for name in host asan armhf; do
+  printf '%-6s ' "$name"
+  grep -hE '^[0-9]+% tests passed' "$logs/ctest-$name.log" 2>/dev/null | tail -1 ||
+    echo "no ctest summary"
+done
 exit $status

@@ -18,15 +18,18 @@
 #include <thread>
 #include <vector>
 
+#include "ConnTestSupport.h"
 #include "ReliabilityTestSupport.h"
 #include "TestSupport.h"
+#include "WaitBounds.h"
 
 using ipc_db_test::Event;
 using ipc_db_test::EventSchema;
 using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeEvent;
 using ipc_db_test::OpenEventDb;
-using ipc_db_test::Report;
+using ipc_db_test::JsonObject;
+using ipc_db_test::WriteResultJson;
 using ipc_db_test::TempDir;
 using ipc_db_test::ValueSlot;
 
@@ -189,14 +192,18 @@ TEST(SharedDb, FourThreadsInsertReadAndCountWithoutLosingARow) {
   EXPECT_EQ(table->get_item_cnt(none), total.rowsWritten);
   EXPECT_EQ(db.UnInit(), 0);
 
-  std::ostringstream line;
-  line << "concurrency threads=" << kThreads << " seconds=" << kRunTime.count()
-       << " rows_written=" << total.rowsWritten << " rows_lost=" << rowsLost
-       << " single_inserts=" << total.singleInserts
-       << " batch_inserts=" << total.batchInserts
-       << " batches_refused_at_begin=" << total.batchRefused << " reads=" << total.reads
-       << " rows_read=" << total.rowsRead << " counts=" << total.counts;
-  Report(line.str());
+  JsonObject json;
+  json.Add("threads", kThreads)
+      .Add("seconds", static_cast<long long>(kRunTime.count()))
+      .Add("rows_written", total.rowsWritten)
+      .Add("rows_lost", rowsLost)
+      .Add("single_inserts", total.singleInserts)
+      .Add("batch_inserts", total.batchInserts)
+      .Add("batches_refused_at_begin", total.batchRefused)
+      .Add("reads", total.reads)
+      .Add("rows_read", total.rowsRead)
+      .Add("counts", total.counts);
+  WriteResultJson("concurrency", "shared_db_threads", json.Text());
 }
 
 // Runs CDBConn::ExecThreadFun on a thread of its own and says when that
@@ -222,11 +229,13 @@ class ExecWorkerThread {
 };
 
 // Rows of t_queued that a separate connection sees, that is committed
-// rows; -1 while the file is busy.
+// rows; -1 when the file cannot be read. The connection waits for a lock
+// held by another one instead of failing at once.
 long long CommittedRows(const std::string& path) {
   sqlite3* db = nullptr;
   long long count = -1;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, static_cast<int>(ipc_db_test::kConditionWaitMs));
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(db, "select count(*) from t_queued;", -1, &stmt, nullptr) ==
             SQLITE_OK &&
@@ -244,12 +253,14 @@ long long CommittedRows(const std::string& path) {
 // statement is run and committed.
 TEST(SharedDb, ExecutionWorkerRunsWhatTwoThreadsQueue) {
   TempDir dir;
+  ipc_db_test::LogCapture log;
   Db db;
   ASSERT_EQ(OpenEventDb(db, dir.Path(), "worker.db", ""), 0);
   ASSERT_EQ(db.m_pDBConn->ExecuteSQL("create table t_queued(a INTEGER, b INTEGER);",
                                      nullptr, DB_EXEC_SQL_SYNC),
             0);
   constexpr int kPerThread = 200;
+  constexpr int kWorkerBatch = 32;  // statements the worker commits at a time
   ExecWorkerThread worker(db.m_pDBConn);
   auto queue = [&db](int thread) {
     int refused = 0;
@@ -269,17 +280,28 @@ TEST(SharedDb, ExecutionWorkerRunsWhatTwoThreadsQueue) {
   second.get();
   ASSERT_EQ(db.m_pDBConn->ForceCommitTransaction(), 0);
   // The stop flag is looked at before each item, so a stop now would leave
-  // queued items behind: wait until a second connection sees every row
-  // committed.
-  long long committed = 0;
-  for (int i = 0; i < 500 && committed < 2 * kPerThread; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    committed = CommittedRows(dir.Path() + "worker.db");
-  }
+  // queued items behind: wait until the queue is empty and the worker has
+  // finished the commit item, the last one queued. Each full batch commits
+  // once and the commit item ends the last, partial one. No other connection
+  // reads the file meanwhile: the worker's handle does not wait for locks, so
+  // a reader's shared lock would make its commit fail.
+  auto* conn = ipc_db_test::SqliteConnOf(db);
+  const size_t commits = (2 * kPerThread + kWorkerBatch - 1) / kWorkerBatch;
+  const bool drained = ipc_db_test::WaitFor(
+      [&] {
+        return ipc_db_test::ExecItems(conn).empty() &&
+               log.Count("RECORD: execSQL: commit success") +
+                       log.Count("RECORD: CommitTransaction failed") >=
+                   commits;
+      },
+      ipc_db_test::kConditionWaitMs);
+  EXPECT_TRUE(drained) << "queued items left: " << ipc_db_test::ExecItems(conn).size();
+  EXPECT_EQ(log.Count("RECORD: execSQL: commit success"), commits);
+  // A second connection sees every row committed.
+  long long committed = CommittedRows(dir.Path() + "worker.db");
   EXPECT_EQ(committed, 2 * kPerThread);
   ASSERT_EQ(db.m_pDBConn->StopExecThread(), 0);
   worker.WaitUntilGone();
-  auto* conn = ipc_db_test::SqliteConnOf(db);
   EXPECT_EQ(conn->m_bExecThreadRunning, 0);
   EXPECT_EQ(conn->m_bInTransaction, 0);
   EXPECT_TRUE(conn->m_dqExecItems.empty());
@@ -288,8 +310,9 @@ TEST(SharedDb, ExecutionWorkerRunsWhatTwoThreadsQueue) {
   ASSERT_EQ(db.OpenDB(), 0);
   EXPECT_EQ(db.m_pDBConn->GetRowCount("t_queued"), 2 * kPerThread);
   EXPECT_EQ(db.UnInit(), 0);
-  Report("concurrency execution_worker queued=" + std::to_string(2 * kPerThread) +
-         " committed=" + std::to_string(committed));
+  WriteResultJson(
+      "concurrency", "execution_worker",
+      JsonObject().Add("queued", 2 * kPerThread).Add("committed", committed).Text());
 }
 
 }  // namespace

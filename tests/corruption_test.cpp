@@ -27,7 +27,9 @@ using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
 using ipc_db_test::ReadFileBytes;
 using ipc_db_test::RepairToolIsTestWrapper;
-using ipc_db_test::Report;
+using ipc_db_test::JsonObject;
+using ipc_db_test::ResultName;
+using ipc_db_test::WriteResultJson;
 using ipc_db_test::TempDir;
 
 namespace {
@@ -188,17 +190,23 @@ class CorruptionTest : public testing::TestWithParam<std::tuple<Damage, bool>> {
   }
 
   void ReportOutcome(const Outcome& o) {
-    std::ostringstream line;
-    line << "corruption file=" << (keyed_ ? "keyed" : "plain") << " case=\""
-         << NameOf(damage_) << "\" rows_written=" << kRows << " open=" << o.open
-         << " get_item_cnt=" << o.count << " sqlite_code=" << o.sqliteCode
-         << " get_item=" << o.read << " rows_read=" << o.rowsRead
-         << " queued=" << QueueText(o.queued) << " RepairDB=" << o.repair
-         << " file_bytes_after=" << o.fileSizeAfter
-         << " rows_after_repair=" << (o.rowsAfter < 0 ? 0 : o.rowsAfter)
-         << " get_item_cnt_after=" << o.rowsAfter << " integrity_after=\""
-         << o.integrityAfter << "\"";
-    Report(line.str());
+    const std::string file = keyed_ ? "keyed" : "plain";
+    JsonObject json;
+    json.Add("file", file)
+        .Add("case", NameOf(damage_))
+        .Add("rows_written", kRows)
+        .Add("open", o.open)
+        .Add("get_item_cnt", o.count)
+        .Add("sqlite_code", o.sqliteCode)
+        .Add("get_item", o.read)
+        .Add("rows_read", o.rowsRead)
+        .Add("queued", QueueText(o.queued))
+        .Add("RepairDB", o.repair)
+        .Add("file_bytes_after", o.fileSizeAfter)
+        .Add("rows_after_repair", o.rowsAfter < 0 ? 0 : o.rowsAfter)
+        .Add("get_item_cnt_after", o.rowsAfter)
+        .Add("integrity_after", o.integrityAfter);
+    WriteResultJson("corruption", ResultName(file + "-" + NameOf(damage_)), json.Text());
   }
 
   TempDir dir_;

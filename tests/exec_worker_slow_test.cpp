@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
+#include "WaitBounds.h"
 
 using namespace ipc_db_test;
 
@@ -35,28 +37,38 @@ class ExecWorkerSlowTest : public ::testing::Test {
 TEST_F(ExecWorkerSlowTest, ThirtyOneStatementsWaitForTheThirdQuietPeriod) {
   LogCapture log;
   ASSERT_TRUE(StartExecWorker(conn_.get()));
+  // The quiet periods start after the last statement has run, which is after
+  // this point: times measured from here are not shorter than the worker's.
+  auto queued = std::chrono::steady_clock::now();
   for (int i = 1; i <= 31; ++i) {
     std::string sql = "insert into t values('v" + std::to_string(i) + "');";
     ASSERT_EQ(conn_->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_ASYNC), 0);
   }
   const std::string last = "RECORD: ExecuteSQL: insert into t values('v31'); SUCCESS";
-  ASSERT_TRUE(WaitFor([&] { return log.Count(last) == 1; }, 4000)) << log.Dump();
-  auto lastRun = std::chrono::steady_clock::now();
+  ASSERT_TRUE(WaitFor([&] { return log.Count(last) == 1; }, kConditionWaitMs))
+      << log.Dump();
   EXPECT_EQ(CountFromOutside(), "0");
 
   // Two quiet periods (about 10 s) pass without a commit.
-  std::this_thread::sleep_for(std::chrono::milliseconds(12000));
+  std::this_thread::sleep_until(queued + std::chrono::milliseconds(12000));
   EXPECT_EQ(log.Count("RECORD: execSQL: commit success"), 0u);
   EXPECT_EQ(CountFromOutside(), "0");
 
   // The third ends at about 15 s and commits the batch.
-  ASSERT_TRUE(
-      WaitFor([&] { return log.Count("RECORD: execSQL: commit success") == 1; }, 6000));
-  long long committedAfter = MillisecondsSince(lastRun);
+  ASSERT_TRUE(WaitFor([&] { return log.Count("RECORD: execSQL: commit success") == 1; },
+                      kConditionWaitMs));
+  long long committedAfter = MillisecondsSince(queued);
   EXPECT_GE(committedAfter, 14500);
-  EXPECT_LE(committedAfter, 16500);
+  EXPECT_LE(committedAfter, 16500 + kElapsedHeadroomMs);
   EXPECT_EQ(CountFromOutside(), "31");
-  // The worker is back in its wait: its counters are stable.
+  // The commit is logged before the batch state is reset; once it is, the
+  // worker is back in its wait and its counters are stable.
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        return LoadFlag(conn_->m_bInTransaction) == 0 &&
+               __atomic_load_n(&conn_->m_ullExecCount, __ATOMIC_SEQ_CST) == 0u;
+      },
+      kConditionWaitMs));
   EXPECT_EQ(__atomic_load_n(&conn_->m_ullWaitTimeOutCount, __ATOMIC_SEQ_CST), 3u);
   EXPECT_EQ(LoadFlag(conn_->m_bInTransaction), 0);
   EXPECT_EQ(__atomic_load_n(&conn_->m_ullExecCount, __ATOMIC_SEQ_CST), 0u);
@@ -73,7 +85,7 @@ TEST_F(ExecWorkerSlowTest, WaitOnAnEmptyQueueTimesOutAfterFiveSeconds) {
   EXPECT_EQ(conn_->WaitSqlExecCmd(item), DB_ERR_WAIT_TIMEOUT);
   long long elapsed = MillisecondsSince(start);
   EXPECT_GE(elapsed, 4900);
-  EXPECT_LT(elapsed, 6000);
+  EXPECT_LT(elapsed, 5000 + kElapsedHeadroomMs);
   EXPECT_EQ(item.enCmdType, 9);  // untouched
   // The queue mutex was released.
   EXPECT_EQ(pthread_mutex_trylock(&conn_->m_mutexExec), 0);
@@ -89,7 +101,7 @@ TEST_F(ExecWorkerSlowTest, StopGivesUpAfterFiftyOneSleeps) {
   EXPECT_EQ(conn_->StopExecThread(), 0);
   long long elapsed = MillisecondsSince(start);
   EXPECT_GE(elapsed, 5050);
-  EXPECT_LT(elapsed, 6500);
+  EXPECT_LT(elapsed, 5100 + kElapsedHeadroomMs);
   ExpectLoggedOnce(log, kLevelError, kConnFile, "RECORD: ExecThread time out!");
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
   EXPECT_EQ(conn_->m_bExecThreadStop, 1);

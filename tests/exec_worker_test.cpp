@@ -9,11 +9,13 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
+#include "WaitBounds.h"
 
 using namespace ipc_db_test;
 
@@ -79,7 +81,7 @@ class ExecWorkerTest : public ::testing::Test {
           }
           return done >= count;
         },
-        4000);
+        kConditionWaitMs);
   }
 
   std::string CountFromOutside() {
@@ -116,7 +118,7 @@ TEST_F(ExecWorkerTest, EntryWithoutConnectionStillTakesANumber) {
   ASSERT_EQ(pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, nullptr), 0);
   ++g_execThreadsEntered;
   // The entry detaches itself; wait until its thread is gone.
-  ASSERT_TRUE(WaitFor([&] { return ThreadCount() <= threads; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return ThreadCount() <= threads; }, kConditionWaitMs));
   conn_->m_pfnExecThread = &NamingProbe;
   StartWorker();
   StopWorker();
@@ -133,7 +135,7 @@ TEST_F(ExecWorkerTest, EntryWithoutBodyOnlyMarksItselfRunning) {
   pthread_t thread;
   ASSERT_EQ(pthread_create(&thread, nullptr, &CDBConn::ExecThreadFun, conn_.get()), 0);
   ++g_execThreadsEntered;
-  ASSERT_TRUE(WaitFor([&] { return ThreadCount() <= threads; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return ThreadCount() <= threads; }, kConditionWaitMs));
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
 }
 
@@ -142,7 +144,7 @@ TEST_F(ExecWorkerTest, PauseStopsTheWorker) {
   EXPECT_EQ(conn_->PauseConnection(), 0);
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, kConditionWaitMs));
   // Resuming configures the worker again but starts no thread.
   EXPECT_EQ(conn_->ResumeConnection(), 0);
   EXPECT_EQ(conn_->m_bExecThreadStop, 0);
@@ -154,11 +156,11 @@ TEST_F(ExecWorkerTest, StopHandshakeEndsARunningWorker) {
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadStop), 0);
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn_->StopExecThread(), 0);
-  EXPECT_LT(MillisecondsSince(start), 1000);
+  EXPECT_LT(MillisecondsSince(start), 1000 + kElapsedHeadroomMs);
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
   EXPECT_EQ(conn_->m_bExecThreadStop, 1);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, kConditionWaitMs));
   ExpectLoggedOnce(log_, kLevelInfo, kSqliteConnFile, kThreadEnd);
   EXPECT_EQ(log_.Count("RECORD: ExecThread time out!"), 0u);
   EXPECT_TRUE(ExecItems(conn_.get()).empty());  // the stop item was taken
@@ -177,8 +179,9 @@ TEST_F(ExecWorkerTest, ThirtySecondStatementCommitsTheBatchAtOnce) {
 
   auto start = std::chrono::steady_clock::now();
   QueueInserts(32, 32);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; }, 3000));
-  EXPECT_LT(MillisecondsSince(start), 1000);
+  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; },
+                      kConditionWaitMs));
+  EXPECT_LT(MillisecondsSince(start), 1000 + kElapsedHeadroomMs);
   StopWorker();
   EXPECT_EQ(CountFromOutside(), "32");
   std::vector<std::string> statements = sql.Statements();
@@ -194,7 +197,8 @@ TEST_F(ExecWorkerTest, SixtyFourStatementsMakeTwoTransactions) {
   SqlCapture sql(conn_->m_pSqliteDB);
   StartWorker();
   QueueInserts(1, 64);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 2; }, 4000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 2; },
+                      kConditionWaitMs));
   StopWorker();
   EXPECT_EQ(sql.Count("begin;"), 2u);
   EXPECT_EQ(sql.Count("commit;"), 2u);
@@ -209,7 +213,7 @@ TEST_F(ExecWorkerTest, CommitItemWithoutABatchDoesNothing) {
   SqlCapture sql(conn_->m_pSqliteDB);
   StartWorker();
   ASSERT_EQ(conn_->ForceCommitTransaction(), 0);
-  ASSERT_TRUE(WaitFor([&] { return ExecItems(conn_.get()).empty(); }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return ExecItems(conn_.get()).empty(); }, kConditionWaitMs));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   StopWorker();
   EXPECT_TRUE(sql.Statements().empty());
@@ -225,14 +229,16 @@ TEST_F(ExecWorkerTest, CommitItemCommitsTheOpenBatch) {
   ASSERT_TRUE(WaitExecuted(3)) << log_.Dump();
   EXPECT_EQ(CountFromOutside(), "0");
   ASSERT_EQ(conn_->ForceCommitTransaction(), 0);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; },
+                      kConditionWaitMs));
   EXPECT_EQ(CountFromOutside(), "3");
   // The next statement opens a new batch.
   QueueInserts(4, 4);
   ASSERT_TRUE(WaitExecuted(4)) << log_.Dump();
   EXPECT_EQ(log_.Count("RECORD: execSQL: begin success"), 2u);
   ASSERT_EQ(conn_->ForceCommitTransaction(), 0);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 2; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 2; },
+                      kConditionWaitMs));
   StopWorker();
   EXPECT_EQ(CountFromOutside(), "4");
   EXPECT_EQ(sql.Count("commit;"), 2u);
@@ -245,7 +251,8 @@ TEST_F(ExecWorkerTest, FailedStatementDoesNotEndTheBatch) {
   Queue("insert into t values('good2');");
   ASSERT_TRUE(WaitExecuted(3)) << log_.Dump();
   ASSERT_EQ(conn_->ForceCommitTransaction(), 0);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count("RECORD: execSQL: commit success") == 1; },
+                      kConditionWaitMs));
   StopWorker();
   ExpectLoggedOnce(log_, kLevelError, kSqliteConnFile,
                    "RECORD: ExecuteSQL for:insert into missing values(1); failed");
@@ -261,10 +268,10 @@ TEST_F(ExecWorkerTest, CloseStopsTheWorkerAndDropsItsOpenBatch) {
   ASSERT_TRUE(WaitExecuted(2)) << log_.Dump();
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn_->CloseConnection(), 0);
-  EXPECT_LT(MillisecondsSince(start), 1000);
+  EXPECT_LT(MillisecondsSince(start), 1000 + kElapsedHeadroomMs);
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
-  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, 1000));
+  ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, kConditionWaitMs));
   // The worker does not commit when it stops; closing rolls the batch back.
   EXPECT_EQ(CountFromOutside(), "0");
   EXPECT_EQ(log_.Count("RECORD: execSQL: commit success"), 0u);
@@ -275,9 +282,10 @@ TEST_F(ExecWorkerTest, WakeUpWithoutAnItemCountsAsATimeOut) {
   QueueInserts(1, 1);
   ASSERT_TRUE(WaitExecuted(1)) << log_.Dump();
   // Three wake-ups that bring no item act as three quiet waits.
-  ASSERT_TRUE(WakeUntil(&conn_->m_mutexExec, &conn_->m_condExec,
-                        [&] { return log_.Count("RECORD: execSQL: commit success") == 1; },
-                        3000))
+  ASSERT_TRUE(WakeUntil(
+      &conn_->m_mutexExec, &conn_->m_condExec,
+      [&] { return log_.Count("RECORD: execSQL: commit success") == 1; },
+      kConditionWaitMs))
       << log_.Dump();
   StopWorker();
   EXPECT_EQ(CountFromOutside(), "1");

@@ -7,6 +7,7 @@
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
+#include "WaitBounds.h"
 
 using namespace ipc_db_test;
 
@@ -20,7 +21,7 @@ TEST(MaintenanceSlow, StopGivesUpAfterFiftyOneSleeps) {
   EXPECT_EQ(conn.StopMaintenanceThread(), 0);
   long long elapsed = MillisecondsSince(start);
   EXPECT_GE(elapsed, 5050);
-  EXPECT_LT(elapsed, 6500);
+  EXPECT_LT(elapsed, 5100 + kElapsedHeadroomMs);
   ExpectLoggedOnce(log, kLevelError, kConnFile, "RECORD: MaintenanceThread stop time out!");
   EXPECT_EQ(log.Entries().size(), 1u) << log.Dump();
   EXPECT_EQ(conn.m_bMaintainThreadStarted, 0);

@@ -8,13 +8,16 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
 #include "TestSupport.h"
+#include "WaitBounds.h"
 
 using namespace ipc_db_test;
 
@@ -288,11 +291,13 @@ TEST_F(MaintenanceTest, WakeUpWithAnEmptyQueueEndsTheWait) {
     result = conn_->WaitMaintainDBCmd(item);
   });
   auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(WakeUntil(&conn_->m_mutexRepair, &conn_->m_condRepair,
-                        [&] { return result.load() != 1; }, 5000));
+  EXPECT_TRUE(WakeUntil(
+      &conn_->m_mutexRepair, &conn_->m_condRepair, [&] { return result.load() != 1; },
+      kConditionWaitMs));
   waiter.join();
   EXPECT_EQ(result.load(), DB_ERR_WAIT_TIMEOUT);
-  EXPECT_LT(MillisecondsSince(start), 5000);  // far from the 120 s limit
+  // Far from the 120 s limit.
+  EXPECT_LT(MillisecondsSince(start), 5000 + kElapsedHeadroomMs);
 }
 
 TEST_F(MaintenanceTest, StartMaintenanceThreadCreatesNoThread) {
@@ -310,7 +315,7 @@ TEST_F(MaintenanceTest, StopOfANeverStartedMaintenanceWorkerReturnsAtOnce) {
   EXPECT_EQ(conn_->StopMaintenanceThread(), 0);
   conn_->m_bMaintainThreadStarted = 1;  // started but not running
   EXPECT_EQ(conn_->StopMaintenanceThread(), 0);
-  EXPECT_LT(MillisecondsSince(start), 50);
+  EXPECT_LT(MillisecondsSince(start), 50 + kElapsedHeadroomMs);
   EXPECT_EQ(conn_->m_bMaintainThreadStarted, 1);
   EXPECT_EQ(conn_->m_bMaintainThreadStop, 0);
   EXPECT_TRUE(RepairItems(conn_.get()).empty());
@@ -593,7 +598,8 @@ TEST(MaintenanceWorker, DispatchesEachRequestAndNamesItsThread) {
   for (const Case& c : cases) {
     conn.Clear();
     ASSERT_EQ(conn.NotifyMaintainDBCmd(RepairItem(c.command)), 0);
-    ASSERT_TRUE(WaitFor([&] { return conn.Calls().size() == c.calls.size(); }, 2000))
+    ASSERT_TRUE(
+        WaitFor([&] { return conn.Calls().size() == c.calls.size(); }, kConditionWaitMs))
         << "command " << c.command;
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(conn.Calls(), c.calls) << "command " << c.command;
@@ -601,7 +607,7 @@ TEST(MaintenanceWorker, DispatchesEachRequestAndNamesItsThread) {
   // A wake item does nothing.
   conn.Clear();
   ASSERT_EQ(conn.NotifyMaintainDBCmd(RepairItem(DB_REPAIR_CMD_WAKE)), 0);
-  ASSERT_TRUE(WaitFor([&] { return RepairItems(&conn).empty(); }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return RepairItems(&conn).empty(); }, kConditionWaitMs));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_TRUE(conn.Calls().empty());
   EXPECT_EQ(LoadFlag(conn.m_bMaintainThreadRunning), 1);
@@ -613,7 +619,8 @@ TEST(MaintenanceWorker, DispatchesEachRequestAndNamesItsThread) {
 
   // An exit item ends the loop without the stop flag.
   ASSERT_EQ(conn.NotifyMaintainDBCmd(RepairItem(DB_REPAIR_CMD_EXIT)), 0);
-  EXPECT_TRUE(WaitFor([&] { return LoadFlag(conn.m_bMaintainThreadRunning) == 0; }, 2000));
+  EXPECT_TRUE(WaitFor([&] { return LoadFlag(conn.m_bMaintainThreadRunning) == 0; },
+                      kConditionWaitMs));
   EXPECT_EQ(conn.m_bMaintainThreadStop, 0);
   EXPECT_TRUE(conn.Calls().empty());
   conn.m_bMaintainThreadStarted = 0;
@@ -624,8 +631,9 @@ TEST(MaintenanceWorker, QuietWaitCallsBackUp) {
   ASSERT_TRUE(StartMaintenanceWorker(&conn));
   ++g_maintainThreadsEntered;
   // A wake-up that brings no request is handled like the 120 s time-out.
-  EXPECT_TRUE(WakeUntil(&conn.m_mutexRepair, &conn.m_condRepair,
-                        [&] { return !conn.Calls().empty(); }, 3000));
+  EXPECT_TRUE(WakeUntil(
+      &conn.m_mutexRepair, &conn.m_condRepair, [&] { return !conn.Calls().empty(); },
+      kConditionWaitMs));
   EXPECT_EQ(conn.Calls().front(), "backup");
   EXPECT_EQ(conn.StopMaintenanceThread(), 0);
 }
@@ -637,7 +645,7 @@ TEST(MaintenanceWorker, StopHandshakeEndsARunningWorker) {
   LogCapture log;
   auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn.StopMaintenanceThread(), 0);
-  EXPECT_LT(MillisecondsSince(start), 1000);
+  EXPECT_LT(MillisecondsSince(start), 1000 + kElapsedHeadroomMs);
   EXPECT_EQ(LoadFlag(conn.m_bMaintainThreadRunning), 0);
   EXPECT_EQ(conn.m_bMaintainThreadStarted, 0);
   EXPECT_EQ(conn.m_bMaintainThreadStop, 1);
@@ -653,7 +661,7 @@ TEST(MaintenanceWorker, ThreadNamesCountUpOverTheProcess) {
     ASSERT_TRUE(StartMaintenanceWorker(&conn));
     ++g_maintainThreadsEntered;
     ASSERT_EQ(conn.NotifyMaintainDBCmd(RepairItem(DB_REPAIR_CMD_RECONNECT)), 0);
-    ASSERT_TRUE(WaitFor([&] { return conn.Calls().size() == 2; }, 2000));
+    ASSERT_TRUE(WaitFor([&] { return conn.Calls().size() == 2; }, kConditionWaitMs));
     EXPECT_EQ(conn.ThreadNames().front(), "db_maintain_" + std::to_string(first + i));
     EXPECT_EQ(conn.StopMaintenanceThread(), 0);
   }
@@ -683,10 +691,12 @@ TEST(MaintenanceWorker, RepairsARealCorruptionEndToEnd) {
   ASSERT_TRUE(StartMaintenanceWorker(conn.get()));
   ++g_maintainThreadsEntered;
   // Pause (2 s), repair with the tool, resume.
-  ASSERT_TRUE(WaitFor([&] { return log.Count("RECORD: open DB:" + file + " success") == 1; },
-                      15000))
+  ASSERT_TRUE(
+      WaitFor([&] { return log.Count("RECORD: open DB:" + file + " success") == 1; },
+              kConditionWaitMs))
       << log.Dump();
-  ASSERT_TRUE(WaitFor([&] { return LoadFlag(conn->m_enDBStatus) == 1; }, 2000));
+  ASSERT_TRUE(
+      WaitFor([&] { return LoadFlag(conn->m_enDBStatus) == 1; }, kConditionWaitMs));
   EXPECT_EQ(conn->StopMaintenanceThread(), 0);
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: Pause DB:" + file);
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB: " + file + " end");

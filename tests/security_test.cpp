@@ -30,7 +30,8 @@ using ipc_db_test::MakeEvent;
 using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
 using ipc_db_test::RepairToolIsTestWrapper;
-using ipc_db_test::Report;
+using ipc_db_test::JsonObject;
+using ipc_db_test::WriteResultJson;
 using ipc_db_test::SecretsKnown;
 using ipc_db_test::TempDir;
 using ipc_db_test::ValueSlot;
@@ -109,11 +110,16 @@ TEST(DirectoryPermissions, MissingDirectoryIsMadeWith0777) {
   EXPECT_EQ(FileMode(dir), 0777);
   EXPECT_EQ(FileMode(dir + "p.db"), 0640);
   EXPECT_EQ(db.UnInit(), 0);
-  char modes[96];
-  std::snprintf(modes, sizeof(modes),
-                "security directory_made_by_library=%04o umask=000 database_file=%04o",
-                FileMode(dir), FileMode(dir + "p.db"));
-  Report(modes);
+  char directoryMode[8];
+  char fileMode[8];
+  std::snprintf(directoryMode, sizeof(directoryMode), "%04o", FileMode(dir));
+  std::snprintf(fileMode, sizeof(fileMode), "%04o", FileMode(dir + "p.db"));
+  WriteResultJson("security", "directory_made_by_library",
+                  JsonObject()
+                      .Add("directory_made_by_library", directoryMode)
+                      .Add("umask", "000")
+                      .Add("database_file", fileMode)
+                      .Text());
 }
 
 TEST(DirectoryPermissions, MadeDirectoryFollowsTheUmask) {
@@ -167,7 +173,12 @@ TEST(FilePermissions, RepairedFileIs0640OnlyAfterTheNextOpen) {
   ASSERT_EQ(db.OpenDB(), 0);
   EXPECT_EQ(FileMode(dir.Path() + "p.db"), 0640);
   EXPECT_EQ(db.UnInit(), 0);
-  Report("security repaired_file_mode_before_reopen=0644 umask=022 after_reopen=0640");
+  WriteResultJson("security", "repaired_file_mode",
+                  JsonObject()
+                      .Add("repaired_file_mode_before_reopen", "0644")
+                      .Add("umask", "022")
+                      .Add("after_reopen", "0640")
+                      .Text());
 }
 
 // ---- Keys ------------------------------------------------------------------
@@ -254,8 +265,12 @@ TEST(KeyMaterial, NoKeyBytesInAnyEntryOfAKeyedLifecycle) {
   EXPECT_FALSE(LogHoldsKeyBytes(entries, second));
   // And the suite-wide guard saw both keys reach SQLCipher.
   EXPECT_EQ(SecretsKnown(), secretsBefore + 2);
-  Report("security keyed_lifecycle_entries=" + std::to_string(entries.size()) +
-         " entries_with_key_bytes=0");
+  WriteResultJson("security", "keyed_lifecycle",
+                  JsonObject()
+                      .Add("keyed_lifecycle_entries",
+                           static_cast<unsigned long long>(entries.size()))
+                      .Add("entries_with_key_bytes", 0)
+                      .Text());
 }
 
 // The check itself can fail: a library that logged its key would be caught.

@@ -21,7 +21,9 @@ using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
 using ipc_db_test::ReadFileBytes;
-using ipc_db_test::Report;
+using ipc_db_test::JsonObject;
+using ipc_db_test::ResultName;
+using ipc_db_test::WriteResultJson;
 using ipc_db_test::SqliteConnOf;
 using ipc_db_test::TempDir;
 
@@ -112,13 +114,20 @@ class WrongKeyTest : public testing::Test {
     // the files' permissions.
     ASSERT_EQ(log.CountAtLevel(2), 1u) << log.Dump();
     EXPECT_TRUE(log.Contains("w.db-journal in read only failed on 2"));
-    Report("wrongkey case=\"" + label + "\" open=" + std::to_string(opened) +
-           " table_exists=" + std::to_string(exists) +
-           " get_item_cnt=" + std::to_string(count) +
-           " get_item=" + std::to_string(read) + " add_item=" + std::to_string(added) +
-           " createTable=" + std::string(created ? "table" : "null") +
-           " repair_requests=0 sqlite_code=26 error_entries=" +
-           std::to_string(log.CountAtLevel(3)));
+    WriteResultJson("wrongkey", ResultName(label),
+                    JsonObject()
+                        .Add("case", label)
+                        .Add("open", opened)
+                        .Add("table_exists", exists)
+                        .Add("get_item_cnt", count)
+                        .Add("get_item", read)
+                        .Add("add_item", added)
+                        .Add("createTable", created ? "table" : "null")
+                        .Add("repair_requests", 0)
+                        .Add("sqlite_code", 26)
+                        .Add("error_entries",
+                             static_cast<unsigned long long>(log.CountAtLevel(3)))
+                        .Text());
   }
 
   // The file is byte for byte what it was, with no journal or repair file
@@ -182,9 +191,13 @@ TEST_F(WrongKeyTest, ReKeyAfterAWrongKeyReportsSuccessButChangesNothing) {
   long long countWithNewKey = table.get_item_cnt(none);
   EXPECT_EQ(countWithNewKey, -1);
   EXPECT_EQ(db.UnInit(), 0);
-  Report("wrongkey case=\"keyed file, other key, then reEncryptDB\" reEncryptDB=" +
-         std::to_string(rekeyed) +
-         " file_changed=no get_item_cnt_with_new_key=" + std::to_string(countWithNewKey));
+  WriteResultJson("wrongkey", "rekey_after_wrong_key",
+                  JsonObject()
+                      .Add("case", "keyed file, other key, then reEncryptDB")
+                      .Add("reEncryptDB", rekeyed)
+                      .Add("file_changed", "no")
+                      .Add("get_item_cnt_with_new_key", countWithNewKey)
+                      .Text());
   ExpectFileUntouched(MakeKey('r'));
 }
 

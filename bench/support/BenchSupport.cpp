@@ -6,8 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
 namespace ipc_db_bench {
 
@@ -69,20 +67,6 @@ void Fatal(const std::string& message) {
   std::fprintf(stderr, "bench: %s\n", message.c_str());
   std::fflush(stderr);
   std::exit(2);
-}
-
-TempDir::TempDir() {
-  std::string pattern =
-      (std::filesystem::temp_directory_path() / "ipc_db_bench.XXXXXX").string();
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) Fatal("mkdtemp failed for " + pattern);
-  path_ = std::string(buffer.data()) + "/";
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
 }
 
 // ---- Raw SQLite ------------------------------------------------------------

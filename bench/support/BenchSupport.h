@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
 #include "ipc_db.h"
 
 namespace ipc_db_bench {
@@ -72,19 +73,8 @@ bool PlainFiles();
 // Stops the process with a message; for setup steps that must not fail.
 [[noreturn]] void Fatal(const std::string& message);
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  // Ends with "/".
-  const std::string& Path() const { return path_; }
-
- private:
-  std::string path_;
-};
+// The tests' temporary directory (tests/support/TempDir.h).
+using ipc_db_test::TempDir;
 
 // ---- Raw SQLite ------------------------------------------------------------
 

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "PairOps.h"
-#include "db/TableSql.h"
+#include "db/SqlText.h"
 
 namespace ipc_db_bench {
 

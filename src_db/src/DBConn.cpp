@@ -12,15 +12,18 @@
 #include <errno.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 
+#include "BoundedQueue.h"
 #include "Log.h"
 #include "bounded_mem.h"
 
 namespace {
 
 constexpr const char* kModule = "src_db/src/DBConn";
+using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogError;
+using ipc_db::detail::QueueSettings;
+using ipc_db::detail::ZeroFill;
 
 constexpr size_t kThreadStackSize = 262144;
 constexpr int kStopWaitRounds = 51;
@@ -60,22 +63,14 @@ void SetUpWorkerThread(const char* pattern, int* counter) {
   pthread_detach(pthread_self());
 }
 
-// Zeroes a queue item, logging (and going on) if the bounded set fails.
-void ZeroRepairItem(DB_REPAIR_ITEM* item) {
-  int result = memset_s(item, sizeof(*item), 0, sizeof(*item));
-  if (result != 0) {
-    RECORD_LOG(kModule, kLogError, "memset fail! error code is %d\n", result);
-  }
-}
+// The maintenance queue: two requests at most; a third is dropped with a
+// log line and still reported as queued.
+constexpr QueueSettings kMaintainQueue{kMaintainQueueLimit, kMaintainWaitSeconds, kModule,
+                                       "MaintainDBCmd Queue is full.", 0};
 
-// Absolute time of day `seconds` from now, for pthread_cond_timedwait.
-struct timespec DeadlineAfter(time_t seconds) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct timespec deadline;
-  deadline.tv_sec = now.tv_sec + seconds;
-  deadline.tv_nsec = now.tv_usec * 1000;
-  return deadline;
+BoundedQueue<DB_REPAIR_ITEM> MaintainQueueOf(CDBConn* conn) {
+  return BoundedQueue<DB_REPAIR_ITEM>(&conn->m_dqRepairItems, &conn->m_mutexRepair,
+                                      &conn->m_condRepair, kMaintainQueue);
 }
 
 }  // namespace
@@ -165,7 +160,7 @@ long long CDBConn::StopMaintenanceThread() {
   if (m_bMaintainThreadStarted == 0 || m_bMaintainThreadRunning == 0) return 0;
   m_bMaintainThreadStop = 1;
   DB_REPAIR_ITEM wake;
-  ZeroRepairItem(&wake);
+  ZeroFill(&wake, kModule);
   wake.enCmdType = DB_REPAIR_CMD_WAKE;
   NotifyMaintainDBCmd(wake);
   for (int round = 0; round < kStopWaitRounds; ++round) {
@@ -187,7 +182,7 @@ void* CDBConn::MaintenanceThreadFun(void* conn) {
   self->m_bMaintainThreadRunning = 1;
   while (self->m_bMaintainThreadStop == 0) {
     DB_REPAIR_ITEM item;
-    ZeroRepairItem(&item);
+    ZeroFill(&item, kModule);
     if (self->WaitMaintainDBCmd(item) != 0) {
       self->BackUpDB();
       continue;
@@ -207,32 +202,11 @@ void* CDBConn::MaintenanceThreadFun(void* conn) {
 }
 
 long long CDBConn::NotifyMaintainDBCmd(const DB_REPAIR_ITEM& item) {
-  pthread_mutex_lock(&m_mutexRepair);
-  if (m_dqRepairItems.size() >= kMaintainQueueLimit) {
-    RECORD_LOG(kModule, kLogError, "MaintainDBCmd Queue is full.");
-    pthread_mutex_unlock(&m_mutexRepair);
-    return 0;
-  }
-  m_dqRepairItems.push_back(item);
-  pthread_cond_signal(&m_condRepair);
-  pthread_mutex_unlock(&m_mutexRepair);
-  return 0;
+  return MaintainQueueOf(this).Push(item);
 }
 
 long long CDBConn::WaitMaintainDBCmd(DB_REPAIR_ITEM& item) {
-  pthread_mutex_lock(&m_mutexRepair);
-  if (m_dqRepairItems.empty()) {
-    struct timespec deadline = DeadlineAfter(kMaintainWaitSeconds);
-    int waited = pthread_cond_timedwait(&m_condRepair, &m_mutexRepair, &deadline);
-    if (waited != 0 || m_dqRepairItems.empty()) {
-      pthread_mutex_unlock(&m_mutexRepair);
-      return DB_ERR_WAIT_TIMEOUT;
-    }
-  }
-  item = m_dqRepairItems.front();
-  m_dqRepairItems.pop_front();
-  pthread_mutex_unlock(&m_mutexRepair);
-  return 0;
+  return MaintainQueueOf(this).Pop(&item);
 }
 
 long long CDBConn::CheckInstallPath() {

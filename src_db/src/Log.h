@@ -18,19 +18,18 @@ constexpr unsigned int kLogError = 3;
 }  // namespace ipc_db::detail
 
 // Connection layer: "RECORD: " prefix, g_enRecordDebugFlag, module path `file`.
-#define RECORD_LOG(file, level, fmt, ...)                                    \
-  ZB_WriteLog(::ipc_db::detail::kLogModule, (level),                         \
-              static_cast<unsigned int>(g_enRecordDebugFlag), 0u, (file),    \
-              __LINE__, "RECORD: " fmt, ##__VA_ARGS__)
+#define RECORD_LOG(file, level, fmt, ...)                                           \
+  ZB_WriteLog(::ipc_db::detail::kLogModule, (level),                                \
+              static_cast<unsigned int>(g_enRecordDebugFlag), 0u, (file), __LINE__, \
+              "RECORD: " fmt, ##__VA_ARGS__)
 
 // Schema, facade and table layer: flag from the platform, format checked.
-#define DB_LOG(level, fmt, ...)                                              \
-  do {                                                                       \
-    unsigned int dbLogFlag_ = Log_GetLogDebugEnable() & 0xFFu;               \
-    LOG_FORMAT_CHECK(::ipc_db::detail::kLogModule, (level), dbLogFlag_, 0,   \
-                     fmt);                                                   \
-    ZB_WriteLog(::ipc_db::detail::kLogModule, (level), dbLogFlag_, 0u,       \
-                "src_db/src/db", __LINE__, fmt, ##__VA_ARGS__);              \
+#define DB_LOG(level, fmt, ...)                                                         \
+  do {                                                                                  \
+    unsigned int dbLogFlag_ = Log_GetLogDebugEnable() & 0xFFu;                          \
+    LOG_FORMAT_CHECK(::ipc_db::detail::kLogModule, (level), dbLogFlag_, 0, fmt);        \
+    ZB_WriteLog(::ipc_db::detail::kLogModule, (level), dbLogFlag_, 0u, "src_db/src/db", \
+                __LINE__, fmt, ##__VA_ARGS__);                                          \
   } while (0)
 
 #endif  // IPC_DB_SRC_LOG_H_

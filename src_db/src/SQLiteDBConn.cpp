@@ -9,25 +9,29 @@
 #include <sqlcipher/sqlite3.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
+#include "BoundedQueue.h"
 #include "Log.h"
+#include "MutexLock.h"
+#include "SqliteOwners.h"
 #include "bounded_mem.h"
-
-#ifndef IPC_DB_REPAIR_TOOL
-#define IPC_DB_REPAIR_TOOL "/usr/app/bin/sqlite3"
-#endif
 
 namespace {
 
 constexpr const char* kModule = "src_db/src/SQLiteDBConn";
+using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
+using ipc_db::detail::MutexLock;
+using ipc_db::detail::QueueSettings;
+using ipc_db::detail::ScopedExecResult;
+using ipc_db::detail::SqliteString;
+using ipc_db::detail::ZeroFill;
 
 constexpr size_t kExecQueueCapacity = 1024;
 constexpr time_t kExecWaitSeconds = 5;
@@ -48,13 +52,30 @@ bool IsSet(const char* text, const char* what) {
   return false;
 }
 
-// Zeroes a queue item, logging (and going on) if the bounded set fails.
-template <typename Item>
-void ZeroItem(Item* item) {
-  int result = memset_s(item, sizeof(*item), 0, sizeof(*item));
-  if (result != 0) {
-    RECORD_LOG(kModule, kLogError, "memset fail! error code is %d\n", result);
+// Whether a statement may run on the connection now.
+enum class HandleState {
+  kPaused,    // paused for maintenance: callers answer quietly
+  kNoHandle,  // closed: logged here, callers answer with their failure value
+  kReady,
+};
+
+HandleState StateOf(const CSqliteDBConn& conn) {
+  if (conn.m_bPaused == 1) return HandleState::kPaused;
+  if (conn.m_pSqliteDB == nullptr) {
+    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
+    return HandleState::kNoHandle;
   }
+  return HandleState::kReady;
+}
+
+// The execution queue: 1024 items at most; a refused item is reported to
+// the caller.
+constexpr QueueSettings kExecQueue{kExecQueueCapacity, kExecWaitSeconds, kModule,
+                                   "Queue is full.", DB_ERR_QUEUE_FULL};
+
+BoundedQueue<SQLITE_DB_EXEC_QUEUE_ITEM> ExecQueueOf(CSqliteDBConn* conn) {
+  return BoundedQueue<SQLITE_DB_EXEC_QUEUE_ITEM>(&conn->m_dqExecItems, &conn->m_mutexExec,
+                                                 &conn->m_condExec, kExecQueue);
 }
 
 // Runs one connection pragma and logs its outcome. Returns true on success.
@@ -78,12 +99,18 @@ void ReleaseFailedHandle(sqlite3** handle) {
 // Mode text that follows "PRAGMA journal_mode = ", or null for an unknown type.
 const char* JournalModeText(DB_JOURNAL_TYPE type) {
   switch (type) {
-    case DB_JOURNAL_DELETE: return "Delete";
-    case DB_JOURNAL_TRUNCATE: return "TRUNCATE";
-    case DB_JOURNAL_PERSIST: return "PERSIST";
-    case DB_JOURNAL_MEMORY: return "MEMORY";
-    case DB_JOURNAL_WAL: return "WAL";
-    case DB_JOURNAL_OFF: return "OFF";
+    case DB_JOURNAL_DELETE:
+      return "Delete";
+    case DB_JOURNAL_TRUNCATE:
+      return "TRUNCATE";
+    case DB_JOURNAL_PERSIST:
+      return "PERSIST";
+    case DB_JOURNAL_MEMORY:
+      return "MEMORY";
+    case DB_JOURNAL_WAL:
+      return "WAL";
+    case DB_JOURNAL_OFF:
+      return "OFF";
   }
   return nullptr;
 }
@@ -144,7 +171,6 @@ CSqliteDBConn::CSqliteDBConn()
       m_bInTransaction(0),
       m_ullExecCount(0),
       m_ullWaitTimeOutCount(0) {
-  m_iReserved = 0;
   pthread_mutex_init(&m_mutexExec, nullptr);
   pthread_cond_init(&m_condExec, nullptr);
   m_pfnExecThread = &CSqliteDBConn::SqliteDBExecThreadFun;
@@ -173,83 +199,84 @@ void CSqliteDBConn::SetDBJournal(const std::string& strDBJournal) {
 
 long long CSqliteDBConn::OpenConnection() {
   if (m_bPaused == 1) return 0;
-  m_mutexConn.Lock();
-  if (m_pSqliteDB != nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has already exist");
-    m_mutexConn.Unlock();
-    return DB_ERR_CONN_EXIST;
-  }
-  long long checked = CheckInstallPath();
-  if (checked != 0) {
-    RECORD_LOG(kModule, kLogError, "CheckInstallPath failed");
-    m_mutexConn.Unlock();
-    return checked;
-  }
-  int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
-  if (code != SQLITE_OK) {
-    RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(), code);
-    ReleaseFailedHandle(&m_pSqliteDB);
-    m_mutexConn.Unlock();
-    return DB_ERR_OPEN;
-  }
-  RECORD_LOG(kModule, kLogInfo, "open:%s success", m_strDBFile.c_str());
-  if (RecordFileAccess(m_strDBFile.c_str()) == 0) {
-    RecordFileChmod(m_strDBFile.c_str(), kFileMode);
-    if (RecordFileAccess(m_strDBJournal.c_str()) == 0) {
-      RecordFileChmod(m_strDBJournal.c_str(), kFileMode);
+  {
+    MutexLock lock(&m_mutexConn);
+    if (m_pSqliteDB != nullptr) {
+      RECORD_LOG(kModule, kLogError, "DB Connection has already exist");
+      return DB_ERR_CONN_EXIST;
     }
-  }
-  if (m_szEncryptKey[0] != 0) {
-    code = sqlite3_key(m_pSqliteDB, m_szEncryptKey, kKeyLengthAtOpen);
+    long long checked = CheckInstallPath();
+    if (checked != 0) {
+      RECORD_LOG(kModule, kLogError, "CheckInstallPath failed");
+      return checked;
+    }
+    int code = sqlite3_open(m_strDBFile.c_str(), &m_pSqliteDB);
     if (code != SQLITE_OK) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_key:%s failed:%d", m_strDBFile.c_str(), code);
-      m_mutexConn.Unlock();
-      return DB_ERR_ENCRYPT;
+      RECORD_LOG(kModule, kLogError, "sqlite3_open:%s failed:%d", m_strDBFile.c_str(),
+                 code);
+      ReleaseFailedHandle(&m_pSqliteDB);
+      return DB_ERR_OPEN;
     }
-    RECORD_LOG(kModule, kLogInfo, "sqlite3 encrypt:%s success", m_strDBFile.c_str());
+    RECORD_LOG(kModule, kLogInfo, "open:%s success", m_strDBFile.c_str());
+    if (RecordFileAccess(m_strDBFile.c_str()) == 0) {
+      RecordFileChmod(m_strDBFile.c_str(), kFileMode);
+      if (RecordFileAccess(m_strDBJournal.c_str()) == 0) {
+        RecordFileChmod(m_strDBJournal.c_str(), kFileMode);
+      }
+    }
+    if (m_szEncryptKey[0] != 0) {
+      code = sqlite3_key(m_pSqliteDB, m_szEncryptKey, kKeyLengthAtOpen);
+      if (code != SQLITE_OK) {
+        RECORD_LOG(kModule, kLogError, "sqlite3_key:%s failed:%d", m_strDBFile.c_str(),
+                   code);
+        return DB_ERR_ENCRYPT;
+      }
+      RECORD_LOG(kModule, kLogInfo, "sqlite3 encrypt:%s success", m_strDBFile.c_str());
+    }
+    SetDBAttr();
+    if (StartExecThread() != 0) {
+      // StartExecThread always returns 0, so this never runs. Were it taken,
+      // CloseConnection would block on the connection mutex held here.
+      RECORD_LOG(kModule, kLogError, "StartExecThread failed");
+      CloseConnection();
+      return DB_ERR_OPEN;
+    }
   }
-  SetDBAttr();
-  if (StartExecThread() != 0) {
-    RECORD_LOG(kModule, kLogError, "StartExecThread failed");
-    CloseConnection();
-    m_mutexConn.Unlock();
-    return DB_ERR_OPEN;
-  }
-  m_mutexConn.Unlock();
   m_enDBStatus = 1;
   return 0;
 }
 
 long long CSqliteDBConn::SetDBAttr() {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   bool ok = RunPragma(m_pSqliteDB, "PRAGMA cipher_default_compatibility = 3;",
                       "PRAGMA cipher_default_compatibility = 3");
-  ok = RunPragma(m_pSqliteDB, "PRAGMA synchronous = NORMAL;", "PRAGMA synchronous = NORMAL") && ok;
-  ok = RunPragma(m_pSqliteDB, "PRAGMA journal_mode = DELETE;", "PRAGMA journal_mode = DELETE") && ok;
+  ok = RunPragma(m_pSqliteDB, "PRAGMA synchronous = NORMAL;",
+                 "PRAGMA synchronous = NORMAL") &&
+       ok;
+  ok = RunPragma(m_pSqliteDB, "PRAGMA journal_mode = DELETE;",
+                 "PRAGMA journal_mode = DELETE") &&
+       ok;
   return ok ? 0 : -1;
 }
 
 long long CSqliteDBConn::CloseConnection() {
   if (m_bPaused == 1) return 0;
-  m_mutexConn.Lock();
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    m_mutexConn.Unlock();
-    return DB_ERR_CONN_NOT_EXIST;
+  {
+    MutexLock lock(&m_mutexConn);
+    if (m_pSqliteDB == nullptr) {
+      RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
+      return DB_ERR_CONN_NOT_EXIST;
+    }
+    StopExecThread();
+    int code = sqlite3_close(m_pSqliteDB);
+    if (code != SQLITE_OK) {
+      RECORD_LOG(kModule, kLogError, "sqlite3_close failed:%d", code);
+      return DB_ERR_CLOSE;
+    }
+    m_pSqliteDB = nullptr;
   }
-  StopExecThread();
-  int code = sqlite3_close(m_pSqliteDB);
-  if (code != SQLITE_OK) {
-    RECORD_LOG(kModule, kLogError, "sqlite3_close failed:%d", code);
-    m_mutexConn.Unlock();
-    return DB_ERR_CLOSE;
-  }
-  m_pSqliteDB = nullptr;
-  m_mutexConn.Unlock();
   RECORD_LOG(kModule, kLogInfo, "close:%s success", m_strDBFile.c_str());
   m_enDBStatus = 0;
   return 0;
@@ -299,11 +326,9 @@ long long CSqliteDBConn::ResumeConnection() {
 
 long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
                                     DB_EXEC_SQL_TYPE type) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   if (type == DB_EXEC_SQL_ASYNC) {
     SQLITE_DB_EXEC_QUEUE_ITEM item;
     int copied = strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1);
@@ -323,17 +348,17 @@ long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
   if (result != nullptr) {
     code = sqlite3_get_table(m_pSqliteDB, sql, &result->ppszResult, &result->iRowCount,
                              &result->iColumnCount, &message);
-    if (code != SQLITE_OK) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code, message);
-    }
   } else {
     code = sqlite3_exec(m_pSqliteDB, sql, nullptr, nullptr, &message);
-    if (code != SQLITE_OK) {
+  }
+  SqliteString ownedMessage(message);
+  if (code != SQLITE_OK) {
+    if (result != nullptr) {
+      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
+                 message);
+    } else {
       RECORD_LOG(kModule, kLogError, "sqlite3_exec:%s failed:%d,%s", sql, code, message);
     }
-  }
-  if (message != nullptr) sqlite3_free(message);
-  if (code != SQLITE_OK) {
     ErrorProcess(code, sql);
     return DB_ERR_EXEC;
   }
@@ -347,30 +372,18 @@ void CSqliteDBConn::FreeExecuteResult(DB_EXEC_RESULT* result) {
 }
 
 long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
-  if (!IsSet(sql, "sql")) return 0;
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  if (ExecuteSQL(sql, &result, DB_EXEC_SQL_SYNC) != 0) {
-    FreeExecuteResult(&result);
+  if (StateOf(*this) != HandleState::kReady || !IsSet(sql, "sql")) return 0;
+  ScopedExecResult result(this);
+  if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
     RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
     return 0;
   }
-  long long count = ScanCountColumn(result);
-  FreeExecuteResult(&result);
-  return count;
+  return ScanCountColumn(*result);
 }
 
 int CSqliteDBConn::WhetherTableExist(const char* table) {
+  if (StateOf(*this) != HandleState::kReady) return 0;
   char query[kQueryBufferSize] = {0};
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
   if (!IsSet(table, "table")) return 0;
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from sqlite_master where type = 'table' "
@@ -386,12 +399,8 @@ int CSqliteDBConn::WhetherTableExist(const char* table) {
 }
 
 long long CSqliteDBConn::GetRowCount(const char* table) {
+  if (StateOf(*this) != HandleState::kReady) return 0;
   char query[kQueryBufferSize] = {0};
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return 0;
-  }
   if (!IsSet(table, "table")) return 0;
   int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
                            "select count(*) from %s", table);
@@ -427,7 +436,7 @@ long long CSqliteDBConn::CommitTransaction() {
 
 long long CSqliteDBConn::ForceCommitTransaction() {
   SQLITE_DB_EXEC_QUEUE_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   item.enCmdType = SQLITE_EXEC_CMD_COMMIT;
   return NotifySqlExecCmd(item);
 }
@@ -435,36 +444,11 @@ long long CSqliteDBConn::ForceCommitTransaction() {
 // ---- Execution queue and worker -------------------------------------------
 
 long long CSqliteDBConn::NotifySqlExecCmd(const SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  pthread_mutex_lock(&m_mutexExec);
-  if (m_dqExecItems.size() >= kExecQueueCapacity) {
-    RECORD_LOG(kModule, kLogError, "Queue is full.");
-    pthread_mutex_unlock(&m_mutexExec);
-    return DB_ERR_QUEUE_FULL;
-  }
-  m_dqExecItems.push_back(item);
-  pthread_cond_signal(&m_condExec);
-  pthread_mutex_unlock(&m_mutexExec);
-  return 0;
+  return ExecQueueOf(this).Push(item);
 }
 
 long long CSqliteDBConn::WaitSqlExecCmd(SQLITE_DB_EXEC_QUEUE_ITEM& item) {
-  pthread_mutex_lock(&m_mutexExec);
-  if (m_dqExecItems.empty()) {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    struct timespec deadline;
-    deadline.tv_sec = now.tv_sec + kExecWaitSeconds;
-    deadline.tv_nsec = now.tv_usec * 1000;
-    int waited = pthread_cond_timedwait(&m_condExec, &m_mutexExec, &deadline);
-    if (waited != 0 || m_dqExecItems.empty()) {
-      pthread_mutex_unlock(&m_mutexExec);
-      return DB_ERR_WAIT_TIMEOUT;
-    }
-  }
-  item = m_dqExecItems.front();
-  m_dqExecItems.pop_front();
-  pthread_mutex_unlock(&m_mutexExec);
-  return 0;
+  return ExecQueueOf(this).Pop(&item);
 }
 
 void CSqliteDBConn::WaitExecTimeOutProcess() {
@@ -520,7 +504,7 @@ void* CSqliteDBConn::SqliteDBExecThreadFun(void* conn) {
   self->m_bExecThreadRunning = 1;
   while (self->m_bExecThreadStop == 0) {
     SQLITE_DB_EXEC_QUEUE_ITEM item;
-    ZeroItem(&item);
+    ZeroFill(&item, kModule);
     long long waited = self->WaitSqlExecCmd(item);
     if (waited == DB_ERR_WAIT_TIMEOUT) {
       self->WaitExecTimeOutProcess();
@@ -546,7 +530,7 @@ void* CSqliteDBConn::SqliteStopDBExecThreadFun(void* conn) {
     return nullptr;
   }
   SQLITE_DB_EXEC_QUEUE_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   item.enCmdType = SQLITE_EXEC_CMD_STOP;
   static_cast<CSqliteDBConn*>(conn)->NotifySqlExecCmd(item);
   return nullptr;
@@ -556,7 +540,7 @@ void* CSqliteDBConn::SqliteStopDBExecThreadFun(void* conn) {
 
 void CSqliteDBConn::ErrorProcess(int sqliteCode, const char* sql) {
   DB_REPAIR_ITEM item;
-  ZeroItem(&item);
+  ZeroFill(&item, kModule);
   if (sql != nullptr) {
     if (strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1) != 0) {
       RECORD_LOG(kModule, kLogError, "Copy szSQL failed");
@@ -616,33 +600,32 @@ long long CSqliteDBConn::ReEncryptDB(const char* szEncryptKey, unsigned int uiKe
     RECORD_LOG(kModule, kLogInfo, "SqliteDB is not Encypt");
     return DB_ERR_ENCRYPT;
   }
-  m_mutexConn.Lock();
+  MutexLock lock(&m_mutexConn);
   int code = sqlite3_rekey(m_pSqliteDB, szEncryptKey, static_cast<int>(uiKeyLen));
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3 ReEncryptDB failed:%d", code);
-    m_mutexConn.Unlock();
     return DB_ERR_ENCRYPT;
   }
   if (memcpy_s(m_szEncryptKey, sizeof(m_szEncryptKey), szEncryptKey, uiKeyLen) != 0) {
-    // The connection mutex stays held: the buffer no longer matches the
-    // file's key, and later opens, closes and re-keys must not proceed.
+    // The one path that leaves the connection mutex held: the file now has
+    // the new key but the buffer no longer holds it, so later opens, closes
+    // and re-keys must not proceed with it.
+    lock.KeepLocked();
     RECORD_LOG(kModule, kLogError, "Failed to memcpy AESKey");
     return DB_ERR_ENCRYPT;
   }
   RECORD_LOG(kModule, kLogInfo, "Success to ReEncryptDB %s", m_strDBFile.c_str());
-  m_mutexConn.Unlock();
   return 0;
 }
 
 long long CSqliteDBConn::SetDBJournalAttr(DB_JOURNAL_TYPE enDbJournalType) {
-  if (m_bPaused == 1) return 0;
-  if (m_pSqliteDB == nullptr) {
-    RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
-    return DB_ERR_CONN_NOT_EXIST;
-  }
+  HandleState state = StateOf(*this);
+  if (state == HandleState::kPaused) return 0;
+  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
   const char* mode = JournalModeText(enDbJournalType);
   if (mode == nullptr) {
-    RECORD_LOG(kModule, kLogError, "wrong enDbJournalType:%d", static_cast<int>(enDbJournalType));
+    RECORD_LOG(kModule, kLogError, "wrong enDbJournalType:%d",
+               static_cast<int>(enDbJournalType));
     return -1;
   }
   std::string sql = std::string("PRAGMA journal_mode = ") + mode + ";";

@@ -9,6 +9,7 @@
 #include "LogKeyGuard.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sqlcipher/sqlite3.h>
 
@@ -22,6 +23,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "TestResults.h"
 #include "zb_log.h"
 
 namespace {
@@ -174,11 +176,18 @@ std::string Secret(const void* key, int length) {
 
 class GuardListener : public testing::EmptyTestEventListener {
   void OnTestStart(const testing::TestInfo&) override { TheGuard().BeginTest(); }
-  // One line per test process for docs/reliability.md.
+  // One result file per test process: results/logguard/<executable>.json,
+  // or <executable>.<filter>.json when ctest runs one test per process.
   void OnTestProgramEnd(const testing::UnitTest&) override {
-    std::printf("[reliability] logguard entries_checked=%zu keys_seen=%zu\n",
-                TheGuard().Checked(), TheGuard().Secrets());
-    std::fflush(stdout);
+    std::string name = program_invocation_short_name;
+    const std::string filter = testing::GTEST_FLAG(filter);
+    if (filter != "*") name += "." + filter;
+    ipc_db_test::WriteResultJson(
+        "logguard", ipc_db_test::ResultName(name),
+        ipc_db_test::JsonObject()
+            .Add("entries_checked", static_cast<unsigned long long>(TheGuard().Checked()))
+            .Add("keys_seen", static_cast<unsigned long long>(TheGuard().Secrets()))
+            .Text());
   }
 };
 

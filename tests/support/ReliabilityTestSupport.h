@@ -1,8 +1,8 @@
 // Helpers shared by the reliability tests (wrong keys, corruption, crash
 // consistency, concurrency, file permissions): an event record and its
-// schema description, opening a Db on a file in a test directory, counting
-// rows independently of the library, and the "[reliability]" report lines
-// from which docs/reliability.md is written.
+// schema description, opening a Db on a file in a test directory, and
+// counting rows independently of the library. Their figures go to JSON
+// result files (TestResults.h).
 #ifndef IPC_DB_TESTS_SUPPORT_RELIABILITYTESTSUPPORT_H_
 #define IPC_DB_TESTS_SUPPORT_RELIABILITYTESTSUPPORT_H_
 
@@ -11,8 +11,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -21,6 +19,7 @@
 #include "Meta.h"
 #include "SQLiteDBConn.h"
 #include "Table.h"
+#include "TestResults.h"
 #include "TestSupport.h"
 
 namespace ipc_db_test {
@@ -40,16 +39,7 @@ class EventSchema {
  public:
   static constexpr int kAnalyzeName = 1;
 
-  EventSchema() {
-    int4_.Init("int", 4);
-    char24_.Init("char24", 24);
-    meta_.Init("t_event", sizeof(Event));
-    meta_.AddMember(new Member("iId_pa", offsetof(Event, id), &int4_));
-    meta_.AddMember(new Member("iBatch", offsetof(Event, batch), &int4_));
-    meta_.AddMember(new Member("iSeq", offsetof(Event, seq), &int4_));
-    meta_.AddMember(new Member("iValue", offsetof(Event, value), &int4_));
-    meta_.AddMember(new Member("cText", offsetof(Event, text), &char24_));
-  }
+  EventSchema();
   EventSchema(const EventSchema&) = delete;
   EventSchema& operator=(const EventSchema&) = delete;
 
@@ -64,87 +54,32 @@ class EventSchema {
   Meta meta_;
 };
 
-inline Event MakeEvent(int32_t batch, int32_t seq, int32_t value) {
-  Event event;
-  std::memset(&event, 0, sizeof(event));
-  event.batch = batch;
-  event.seq = seq;
-  event.value = value;
-  std::snprintf(event.text, sizeof(event.text), "event-%d-%d", batch, seq);
-  return event;
-}
+// One event of batch `batch` at position `seq`, text "event-<batch>-<seq>".
+Event MakeEvent(int32_t batch, int32_t seq, int32_t value);
 
 // A batch of `count` events of one add_item call.
-inline std::vector<Event> MakeBatch(int32_t batch, int count, int32_t value) {
-  std::vector<Event> events;
-  for (int seq = 0; seq < count; ++seq) events.push_back(MakeEvent(batch, seq, value));
-  return events;
-}
+std::vector<Event> MakeBatch(int32_t batch, int count, int32_t value);
 
 // Init and OpenDB on `dir` + `file` with `key` (empty: a plain file).
 // Returns OpenDB's result, or -1000 when Init failed.
-inline long long OpenEventDb(Db& db, const std::string& dir, const std::string& file,
-                             const std::string& key) {
-  std::vector<char> buffer(key.begin(), key.end());
-  buffer.push_back('\0');
-  if (db.Init(0, dir, file, file + "-journal", buffer.data(),
-              static_cast<unsigned int>(key.size())) != 0) {
-    return -1000;
-  }
-  return db.OpenDB();
-}
+long long OpenEventDb(Db& db, const std::string& dir, const std::string& file,
+                      const std::string& key);
 
 inline CSqliteDBConn* SqliteConnOf(Db& db) {
   return static_cast<CSqliteDBConn*>(db.m_pDBConn);
 }
 
 // Integer filter values travel in the pointer slot.
-inline void* ValueSlot(long long value) {
-  return reinterpret_cast<void*>(static_cast<intptr_t>(value));
-}
+inline void* ValueSlot(long long value) { return IntSlot(value); }
 
 // First value of the first row of `sql` run through the library's
 // ExecuteSQL, or `fallback` when the statement fails or gives no row.
-inline std::string ExecuteScalar(Db& db, const std::string& sql,
-                                 const std::string& fallback, long long* code = nullptr) {
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  long long rc = db.m_pDBConn->ExecuteSQL(sql.c_str(), &result, DB_EXEC_SQL_SYNC);
-  if (code != nullptr) *code = rc;
-  std::string value = fallback;
-  if (rc == 0 && result.ppszResult != nullptr && result.iRowCount > 0 &&
-      result.ppszResult[result.iColumnCount] != nullptr) {
-    value = result.ppszResult[result.iColumnCount];
-  }
-  db.m_pDBConn->FreeExecuteResult(&result);
-  return value;
-}
+std::string ExecuteScalar(Db& db, const std::string& sql, const std::string& fallback,
+                          long long* code = nullptr);
 
 // Rows of table t_event in a plain database file, counted with SQLite
 // directly (not through the library); -1 when the file cannot be read.
-inline long long CountRowsDirectly(const std::string& path, const std::string& key) {
-  sqlite3* db = nullptr;
-  long long count = -1;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-      (key.empty() ||
-       sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "select count(*) from t_event;", -1, &stmt, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-      count = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close(db);
-  return count;
-}
-
-// Writes one line of the reliability report to standard output. The lines
-// start with "[reliability] " and are collected into docs/reliability.md.
-inline void Report(const std::string& line) {
-  std::printf("[reliability] %s\n", line.c_str());
-  std::fflush(stdout);
-}
+long long CountRowsDirectly(const std::string& path, const std::string& key);
 
 }  // namespace ipc_db_test
 

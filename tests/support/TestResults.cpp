@@ -98,6 +98,14 @@ JsonObject& JsonObject::AddRaw(const std::string& key, const std::string& json) 
 
 std::string JsonObject::Text() const { return "{" + members_ + "}"; }
 
+std::string ResultName(const std::string& text) {
+  std::string name = text;
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_') c = '_';
+  }
+  return name;
+}
+
 std::string ResultsDir() { return IPC_DB_TEST_RESULTS_DIR; }
 
 bool WriteResultJson(const std::string& group, const std::string& name,

@@ -41,6 +41,11 @@ std::string JsonList(const std::vector<std::string>& items);
 // `text` as a quoted, escaped JSON string.
 std::string JsonString(const std::string& text);
 
+// `text` made fit for a result file name: every character other than a
+// letter, a digit, '-' or '_' becomes '_' ("keyed file, other key" ->
+// "keyed_file__other_key").
+std::string ResultName(const std::string& text);
+
 // The build tree's results directory (<build dir>/results).
 std::string ResultsDir();
 

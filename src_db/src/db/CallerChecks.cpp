@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <string>
 
+#include "ConnHandle.h"
 #include "Db.h"
 #include "Log.h"
-#include "SQLiteDBConn.h"
 #include "db/FieldText.h"
 
 namespace ipc_db::detail {
@@ -84,9 +84,7 @@ bool CheckTableObjects(const Table& table) {
 }
 
 bool CheckOpenHandle(const Table& table) {
-  if (static_cast<CSqliteDBConn*>(table.parent->m_pDBConn)->m_pSqliteDB != nullptr) {
-    return true;
-  }
+  if (SqliteHandleOf(table.parent->m_pDBConn) != nullptr) return true;
   DB_LOG(kLogError, "parent->m_pDBConn->m_pSqliteDB is null.\n");
   return false;
 }

@@ -19,6 +19,20 @@ constexpr long long kReEncryptNoConnection = 2;
 // Logs the missing-connection message shared by the lifecycle calls.
 void LogNoConnection() { DB_LOG(ipc_db::detail::kLogError, "m_pDBConn is not exit\n"); }
 
+// Runs `operation` on `conn` and logs a failure as "<name> failed!error:<result>\n".
+// -1 (logged) without a connection.
+long long Forward(CDBConn* conn, long long (CDBConn::*operation)(), const char* name) {
+  if (conn == nullptr) {
+    LogNoConnection();
+    return -1;
+  }
+  const long long result = (conn->*operation)();
+  if (result != 0) {
+    DB_LOG(ipc_db::detail::kLogError, "%s failed!error:%lld\n", name, result);
+  }
+  return result;
+}
+
 }  // namespace
 
 long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPath,
@@ -46,27 +60,11 @@ long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPa
 }
 
 long long Db::OpenDB() {
-  if (m_pDBConn == nullptr) {
-    LogNoConnection();
-    return -1;
-  }
-  const long long result = m_pDBConn->OpenConnection();
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "OpenConnection failed!error:%lld\n", result);
-  }
-  return result;
+  return Forward(m_pDBConn, &CDBConn::OpenConnection, "OpenConnection");
 }
 
 long long Db::CloseDB() {
-  if (m_pDBConn == nullptr) {
-    LogNoConnection();
-    return -1;
-  }
-  const long long result = m_pDBConn->CloseConnection();
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "CloseConnection failed!error:%lld\n", result);
-  }
-  return result;
+  return Forward(m_pDBConn, &CDBConn::CloseConnection, "CloseConnection");
 }
 
 long long Db::UnInit() {

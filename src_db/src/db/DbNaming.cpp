@@ -10,10 +10,11 @@
 #include "Log.h"
 #include "Meta.h"
 #include "db/CallerChecks.h"
+#include "db/MemberDefaults.h"
+
+using ipc_db::detail::kUnknownType;
 
 namespace {
-
-constexpr const char kUnknownType[] = "unknown_type";
 
 // The SQL type text for the type letter `letter`, or null for no type letter.
 // CHAR is completed with its width by the caller.

@@ -11,19 +11,17 @@
 #include "Db.h"
 #include "Log.h"
 #include "Meta.h"
+#include "SqliteOwners.h"
 #include "Table.h"
 #include "TableChange.h"
 #include "db/CallerChecks.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
 namespace {
 
 // getTableSql and getTableStatus when there is no connection object.
 constexpr long long kNoConnection = -201;
-
-// The SQL column name of `member` under the naming mode `analyze_name`.
-std::string ColumnName(Db* db, const Member* member, int analyze_name) {
-  return analyze_name == 0 ? member->name : db->getName(member->name);
-}
 
 // The attribute words for the key, autoincrement and not-null flags, in
 // their fixed order.
@@ -106,7 +104,8 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
   for (size_t i = 0; i < meta->members.size(); ++i) {
     Member* member = meta->members[i];
     preProcMember(member);
-    sql += ColumnName(this, member, analyze_name) + " " + member->sql_type;
+    sql +=
+        ipc_db::detail::ColumnName(this, analyze_name, member) + " " + member->sql_type;
     DB_LOG(ipc_db::detail::kLogDebug, "member name is %s   type is %s\n",
            member->name.c_str(), member->sql_type.c_str());
     sql += KeyAndNullWords(member);
@@ -115,10 +114,7 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
   }
   sql += ");";
 
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for createTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "createTable") != 0) {
     delete table;
     return nullptr;
   }
@@ -136,10 +132,7 @@ long long Db::destroyTable(Meta* meta) {
     return 0;
   }
   const std::string sql = "drop table " + meta->type_name + ";";
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for destroyTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "destroyTable") != 0) {
     return -1;
   }
   return 0;
@@ -149,22 +142,20 @@ long long Db::getTableSql(std::string& tableName, std::string& sql) {
   if (m_pDBConn == nullptr) return kNoConnection;
   const std::string query = "select sql from sqlite_master where tbl_name = '" +
                             tableName + "' and type = 'table'";
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  const long long code = m_pDBConn->ExecuteSQL(query.c_str(), &result, DB_EXEC_SQL_SYNC);
+  ipc_db::detail::ScopedExecResult result(m_pDBConn);
+  const long long code =
+      m_pDBConn->ExecuteSQL(query.c_str(), result.get(), DB_EXEC_SQL_SYNC);
   if (code != 0) {
-    m_pDBConn->FreeExecuteResult(&result);
     DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
     return code;
   }
   // A query without rows holds no value after the header (and, from SQLite,
   // no header either): that is a missing table.
-  if (!HasFirstValue(result)) {
-    m_pDBConn->FreeExecuteResult(&result);
+  if (!HasFirstValue(*result)) {
     DB_LOG(ipc_db::detail::kLogError, "Failed to get table result");
     return -1;
   }
-  if (result.iRowCount > 0) sql = result.ppszResult[result.iColumnCount];
-  m_pDBConn->FreeExecuteResult(&result);
+  if (result->iRowCount > 0) sql = result->ppszResult[result->iColumnCount];
   return 0;
 }
 
@@ -181,7 +172,7 @@ long long Db::updateTable(std::string tableName, TableChange& change,
   for (size_t i = 0; i < members.size(); ++i) {
     Member* member = members[i];
     preProcMember(member);
-    sql += "ADD COLUMN " + ColumnName(this, member, analyze_name) + " " +
+    sql += "ADD COLUMN " + ipc_db::detail::ColumnName(this, analyze_name, member) + " " +
            member->sql_type + " DEFAULT " + DefaultText(member, defaultValue);
     // The default-zero flag is not used here: the default is always written.
     sql += KeyAndNullWords(member);
@@ -189,10 +180,7 @@ long long Db::updateTable(std::string tableName, TableChange& change,
   }
   sql += ";";
 
-  const long long result = m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "ExecuteSQL for updateTable failed!error:%lld\n",
-           result);
+  if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "updateTable") != 0) {
     return -1;
   }
   return 0;

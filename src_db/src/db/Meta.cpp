@@ -9,12 +9,10 @@
 #include <utility>
 
 #include "Log.h"
+#include "db/MemberDefaults.h"
 
-namespace {
-
-constexpr const char kUnknownType[] = "unknown_type";
-
-}  // namespace
+using ipc_db::detail::kNoIndex;
+using ipc_db::detail::kUnknownType;
 
 // ---- Member ----
 
@@ -22,7 +20,7 @@ Member::Member(std::string name, unsigned int offset, Meta* type_meta)
     : name(std::move(name)),
       offset(offset),
       type_meta(type_meta),
-      index_name("NONE"),
+      index_name(kNoIndex),
       sql_type(kUnknownType),
       auto_increment(0),
       primary_key(0),

@@ -6,44 +6,21 @@
 #include <string>
 
 #include "DBConn.h"
+#include "Log.h"
+#include "SqliteOwners.h"
 #include "db/CallerChecks.h"
-#include "db/TableSql.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendFilterClause;
+using ipc_db::detail::BuildCount;
+using ipc_db::detail::BuildExtremum;
 using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckTableObjects;
-using ipc_db::detail::ColumnName;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
+using ipc_db::detail::ScopedExecResult;
 
 namespace {
-
-// A zeroed result record that is released whichever way the scope is left,
-// also when a conversion throws.
-class ScopedResult {
- public:
-  explicit ScopedResult(CDBConn* conn) : conn_(conn), result_{0, 0, nullptr} {}
-  ~ScopedResult() { conn_->FreeExecuteResult(&result_); }
-  ScopedResult(const ScopedResult&) = delete;
-  ScopedResult& operator=(const ScopedResult&) = delete;
-
-  DB_EXEC_RESULT* get() { return &result_; }
-  // The first value cell (after the single heading), or null. A query
-  // without rows (a limit of 0, say) has no such cell: its table may hold
-  // the heading alone or nothing at all.
-  const char* FirstValue() const {
-    if (result_.ppszResult == nullptr || result_.iRowCount < 1 ||
-        result_.iColumnCount < 1) {
-      return nullptr;
-    }
-    return result_.ppszResult[1];
-  }
-
- private:
-  CDBConn* conn_;
-  DB_EXEC_RESULT result_;
-};
 
 // The texts in which max and min differ.
 struct Extremum {
@@ -81,11 +58,9 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
   }
   if (!CheckColumnTerms(col) || !CheckFilterTerms(filters)) return -1;
   const Member* member = col.filters[0]->member;
-  std::string sql = kind.function + ColumnName(table, member) + ")" + " from " +
-                    table.meta_data->type_name;
-  if (!AppendFilterClause(table, filters, &sql)) return -1;
-  sql.append(";");
-  ScopedResult result(conn);
+  std::string sql;
+  if (!BuildExtremum(table, kind.function, member, filters, &sql)) return -1;
+  ScopedExecResult result(conn);
   if (conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC) != 0) {
     LogExtremumFailed(kind.isMax);
     return -1;
@@ -109,10 +84,9 @@ long long Table::get_item_cnt(DbFilters& filters) {
     return -1;
   }
   if (!CheckFilterTerms(filters)) return -1;
-  std::string sql = "select count(*) from " + meta_data->type_name;
-  if (!AppendFilterClause(*this, filters, &sql)) return -1;
-  sql.append(";");
-  ScopedResult result(conn);
+  std::string sql;
+  if (!BuildCount(*this, filters, &sql)) return -1;
+  ScopedExecResult result(conn);
   long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
   DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
   if (code != 0) {

@@ -5,21 +5,20 @@
 #include <string>
 
 #include "DBConn.h"
+#include "Log.h"
 #include "db/CallerChecks.h"
-#include "db/TableSql.h"
+#include "db/MemberDefaults.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
 using ipc_db::detail::CheckMembers;
 using ipc_db::detail::CheckTableObjects;
 using ipc_db::detail::ColumnName;
+using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
+using ipc_db::detail::kNoIndex;
 
 namespace {
-
-constexpr const char* kNoIndex = "NONE";
-
-long long Run(CDBConn* conn, const std::string& sql) {
-  return conn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-}
 
 // The row operations' wording for a Table whose Db has no connection.
 bool HasConnection(const Table& table) {
@@ -47,11 +46,7 @@ long long Table::add_index(std::string name, Member* member) {
   if (!HasConnection(*this)) return -1;
   std::string sql = "create index " + name + " on " + meta_data->type_name + "(" +
                     ColumnName(*this, member) + ")";
-  long long result = Run(parent->m_pDBConn, sql);
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for add_index failed!error:%lld\n", result);
-    return -1;
-  }
+  if (ExecuteText(parent->m_pDBConn, sql, "add_index") != 0) return -1;
   member->index_name = name;
   return 0;
 }
@@ -66,22 +61,17 @@ long long Table::drop_index(std::string name) {
     return -1;
   }
   if (!HasConnection(*this)) return -1;
-  long long result = Run(parent->m_pDBConn, "DROP index " + name + " ;");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for drop_index failed!error:%lld\n", result);
+  if (ExecuteText(parent->m_pDBConn, "DROP index " + name + " ;", "drop_index") != 0)
     return -1;
-  }
   member->index_name = kNoIndex;
   return 0;
 }
 
 long long Table::table_vacuum() {
   if (!CheckTableObjects(*this) || !HasConnection(*this)) return -1;
-  long long result = Run(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for VACUUM failed!error:%lld\n", result);
+  if (ExecuteText(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";", "VACUUM") !=
+      0)
     return -1;
-  }
   return 0;
 }
 
@@ -90,10 +80,6 @@ long long Db::db_vacuum() {
     DB_LOG(kLogError, "m_pDBConn is null.");
     return -1;
   }
-  long long result = Run(m_pDBConn, "VACUUM;");
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for VACUUM failed!error:%lld\n", result);
-    return -1;
-  }
+  if (ExecuteText(m_pDBConn, "VACUUM;", "VACUUM") != 0) return -1;
   return 0;
 }

@@ -4,17 +4,14 @@
 // NULL), text quoted as it stands, and a blob bound as the statement's one
 // parameter. Several records run inside one transaction; a failure returns
 // at once and leaves that transaction open on the handle.
-#include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "DBConn.h"
 #include "db/CallerChecks.h"
-#include "db/FieldText.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendFieldChars;
 using ipc_db::detail::BoundBlob;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckColumnTerms;
@@ -22,8 +19,9 @@ using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CheckMembers;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::CheckRecordLayout;
-using ipc_db::detail::ColumnName;
 using ipc_db::detail::EveryMemberMatches;
+using ipc_db::detail::InsertPrefix;
+using ipc_db::detail::InsertStatement;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
@@ -59,57 +57,6 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
   // The records are read at the members' offsets with the Meta's stride.
   return CheckRecordLayout(*table.meta_data, "meta_data") &&
          CheckByteSize(itemcnt, table.meta_data->type_size) && CheckOpenHandle(table);
-}
-
-// "insert into <table>(<col>,<col>...) values (" — the same for every record.
-std::string InsertPrefix(const Table& table, const std::vector<Member*>& columns) {
-  std::string sql = "insert into " + table.meta_data->type_name + "(";
-  for (size_t i = 0; i < columns.size(); ++i) {
-    if (i > 0) sql.push_back(',');
-    sql.append(ColumnName(table, columns[i]));
-  }
-  sql.append(") values (");
-  return sql;
-}
-
-void AppendIntegerValue(std::string* sql, const Member* member, const char* field) {
-  int32_t value;
-  std::memcpy(&value, field, sizeof(value));
-  if (value == 0 && member->auto_increment == 1 && member->primary_key == 1) {
-    sql->append("NULL");
-  } else {
-    sql->append(std::to_string(value));
-  }
-}
-
-void AppendValue(std::string* sql, const Member* member, const char* field,
-                 BoundBlob* blob) {
-  size_t width = member->type_meta->type_size;
-  if (member->sql_type == "BLOB") {
-    sql->push_back('?');
-    blob->data = field;
-    blob->size = static_cast<int>(width);
-    blob->present = true;
-  } else if (member->sql_type == "INTEGER") {
-    AppendIntegerValue(sql, member, field);
-  } else {
-    sql->push_back('\'');
-    AppendFieldChars(sql, field, width);
-    sql->push_back('\'');
-  }
-}
-
-// One insert statement for the record at `record`.
-std::string InsertStatement(const std::string& prefix,
-                            const std::vector<Member*>& columns, const char* record,
-                            BoundBlob* blob) {
-  std::string sql = prefix;
-  for (size_t i = 0; i < columns.size(); ++i) {
-    if (i > 0) sql.push_back(',');
-    AppendValue(&sql, columns[i], record + columns[i]->offset, blob);
-  }
-  sql.append(");");
-  return sql;
 }
 
 }  // namespace

@@ -9,7 +9,8 @@
 
 #include "DBConn.h"
 #include "db/CallerChecks.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckColumnTerms;

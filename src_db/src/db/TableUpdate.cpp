@@ -8,22 +8,21 @@
 
 #include "DBConn.h"
 #include "db/CallerChecks.h"
-#include "db/TableSql.h"
+#include "db/SqlRun.h"
+#include "db/SqlText.h"
 
-using ipc_db::detail::AppendBlobTerm;
-using ipc_db::detail::AppendFilterClause;
-using ipc_db::detail::AppendTerm;
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::BuildUpdate;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckOpenHandle;
-using ipc_db::detail::IsBlobTerm;
-using ipc_db::detail::kLogDebug;
+using ipc_db::detail::DeleteStatement;
+using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
-using ipc_db::detail::kLogInfo;
 using ipc_db::detail::RunBoundStatement;
 using ipc_db::detail::RunTransactionStatement;
+using ipc_db::detail::StatementLog;
 using ipc_db::detail::TableHandle;
 
 namespace {
@@ -40,57 +39,17 @@ bool CheckAssignments(const DbFilters& set) {
   return CheckFilterTerms(set);
 }
 
-// Appends the assignments of `set`, separated by ", ".
-void AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
-                       BoundBlob* blob) {
-  for (size_t i = 0; i < set.filters.size(); ++i) {
-    DbFilter* term = set.filters[i];
-    if (i > 0) sql->append(", ");
-    if (IsBlobTerm(term)) {
-      AppendBlobTerm(table, term, sql, blob);
-    } else {
-      AppendTerm(table, term, sql);
-    }
-  }
-}
-
 long long RunTextUpdate(const Table& table, const std::string& sql) {
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::update_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for update_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
-}
-
-// "delete from <table>", and " where " with the terms joined by " and ".
-std::string DeleteStatement(const Table& table, const DbFilters& list) {
-  std::string sql = "delete from " + table.meta_data->type_name;
-  if (list.filters.empty()) {
-    DB_LOG(kLogInfo, "filters is null!\n");
-  } else {
-    sql.append(" where ");
-    for (size_t i = 0; i < list.filters.size(); ++i) {
-      if (i > 0) sql.append(" and ");
-      AppendTerm(table, list.filters[i], &sql);
-    }
-  }
-  sql.append(";");
-  return sql;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "update_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 long long RunDelete(const Table& table, const DbFilters& list) {
   std::string sql = DeleteStatement(table, list);
-  long long result =
-      table.parent->m_pDBConn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::rmv_item = %s\n", sql.c_str());
-  if (result != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for rmv_item failed!error:%lld\n", result);
-    return -1;
-  }
-  return 0;
+  long long result = ExecuteText(table.parent->m_pDBConn, sql, "rmv_item",
+                                 StatementLog::kTableOperation);
+  return result == 0 ? 0 : -1;
 }
 
 // The array of lists is set and every term of every list is usable, so that
@@ -116,12 +75,10 @@ long long Table::update_item(DbFilters& set, DbFilters& where) {
     return -1;
   }
   if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
-  std::string sql = "update " + meta_data->type_name + " set ";
+  std::string sql;
   BoundBlob setBlob;
   BoundBlob whereBlob;
-  AppendAssignments(*this, set, &sql, &setBlob);
-  if (!AppendFilterClause(*this, where, &sql, &whereBlob)) return -1;
-  sql.append(";");
+  if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
   if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
   if (!CheckOpenHandle(*this)) return -1;
   return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});

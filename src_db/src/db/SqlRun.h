@@ -1,24 +1,25 @@
-// Pieces of statement text and statement execution that the record
-// operations of Table share: column names in the table's naming mode, the
-// select list, the filter clause (with its ordering, limit and offset rules),
-// the copy of one result column into caller memory, the row loop of every
-// read, and the prepare/bind/step sequence of statements that carry blobs.
-#ifndef IPC_DB_SRC_DB_TABLESQL_H_
-#define IPC_DB_SRC_DB_TABLESQL_H_
+// Running the table operations' statements: the connection check, the raw
+// handle, preparing, binding and stepping statements on it, copying result
+// columns into caller memory, the row loop of every read, and the
+// transaction statements around multi-record operations (which go through
+// the connection's ExecuteSQL). The text comes from db/SqlText.
+#ifndef IPC_DB_SRC_DB_SQLRUN_H_
+#define IPC_DB_SRC_DB_SQLRUN_H_
 
 #include <sqlcipher/sqlite3.h>
 
 #include <cstring>
 #include <initializer_list>
 #include <string>
-#include <vector>
 
 #include "Db.h"
 #include "DbFilter.h"
 #include "Log.h"
 #include "Meta.h"
+#include "SqliteOwners.h"
 #include "Table.h"
 #include "bounded_mem.h"
+#include "db/SqlText.h"
 
 namespace ipc_db::detail {
 
@@ -27,59 +28,9 @@ namespace ipc_db::detail {
 // operations' wording).
 bool CheckConnection(const Table& table);
 
-// The connection's open SQLite handle (null when closed).
+// The open SQLite handle of the table's connection (null when closed), from
+// SqliteHandleOf.
 sqlite3* TableHandle(const Table& table);
-
-// Column name of `member`: its name as it stands in naming mode 0, else the
-// plain name Db::getName derives from it.
-std::string ColumnName(const Table& table, const Member* member);
-
-// Appends `term` as op2Str renders it in naming mode 0, else as
-// op2StrAnalyze does.
-void AppendTerm(const Table& table, const DbFilter* term, std::string* sql);
-
-// The members whose columns a select list names, in column order: the
-// table's members for an empty list, else the members of its terms.
-std::vector<Member*> SelectedMembers(const Table& table, const DbFilters& cols);
-
-// True when every member of `wanted` has a namesake (same name, same field
-// width) among `available`. Offsets and column types are not compared.
-bool EveryMemberMatches(const std::vector<Member*>& wanted,
-                        const std::vector<Member*>& available);
-
-// Appends the select list: "*" for an empty list, else the column names of
-// the terms' members separated by ", ".
-void AppendSelectList(const Table& table, const DbFilters& cols, std::string* sql);
-
-// A blob that a statement binds as a parameter instead of writing it into
-// the text. Only the last blob of a list is kept.
-struct BoundBlob {
-  const void* data = nullptr;
-  int size = 0;
-  bool present = false;
-};
-
-// True for a term whose member is a "BLOB" column.
-bool IsBlobTerm(const DbFilter* term);
-
-// Appends "<column> = ?" for a blob term and remembers its data in `blob`.
-void AppendBlobTerm(const Table& table, const DbFilter* term, std::string* sql,
-                    BoundBlob* blob);
-
-// Appends the filter clause of `filters`: nothing for an empty list, else an
-// opening (" where " before a condition, " " before an ordering or a limit)
-// and the rendered terms, joined by " and " before a condition and by " "
-// before a clause term. Refuses (logging "filter in wrong format\n") a list
-// that opens with an and- or offset-term, or an offset not directly after a
-// limit. With `blob` set, blob terms are written as "<column> = ?" and
-// remembered there. Returns false when refused.
-bool AppendFilterClause(const Table& table, const DbFilters& filters, std::string* sql,
-                        BoundBlob* blob = nullptr);
-
-// "select <list> from <table><filter clause>;". False when the clause is
-// refused.
-bool BuildSelect(const Table& table, const DbFilters& cols, const DbFilters& filters,
-                 std::string* sql);
 
 // How one result column is copied into caller memory.
 enum class ColumnKind { kInt32, kInt64, kBlob, kText };
@@ -133,6 +84,16 @@ void LogSqliteFailure(SqliteCall call, int code, sqlite3* db);
 long long RunBoundStatement(sqlite3* db, const std::string& sql,
                             std::initializer_list<const BoundBlob*> blobs);
 
+// Which debug line ExecuteText writes after running a statement.
+enum class StatementLog { kNone, kTableOperation };
+
+// Runs `sql` through the connection's ExecuteSQL (the text path). With
+// kTableOperation it then logs " Table::<operation> = <sql>\n" at debug
+// level. A failure is logged as "ExecuteSQL for <operation>
+// failed!error:<result>\n". Returns ExecuteSQL's result.
+long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operation,
+                      StatementLog log = StatementLog::kNone);
+
 // Runs "begin;" (or "commit;" when `begin` is false) for a multi-record
 // operation and logs it at debug level as " Table::begin = ..." (or
 // " Table::end = ..."), followed by a line end when `withLineEnd`. A failure
@@ -150,28 +111,26 @@ long long RunSelect(const Table& table, const DbFilters& cols, const DbFilters& 
   std::string sql;
   if (!BuildSelect(table, cols, filters, &sql)) return -1;
   sqlite3* db = TableHandle(table);
-  sqlite3_stmt* stmt = nullptr;
-  int code = sqlite3_prepare(db, sql.c_str(), -1, &stmt, nullptr);
+  Statement stmt;
+  int code = PrepareStatement(db, sql.c_str(), &stmt);
   if (code != 0) {
     LogSqliteFailure(SqliteCall::kPrepare, code, db);
-    sqlite3_finalize(stmt);
     return -1;
   }
   unsigned long long rows = 0;
-  while (sqlite3_step(stmt) == SQLITE_ROW) {
+  while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
     if (stmt == nullptr) {
       DB_LOG(kLogError, "stmt is null\n");
       break;
     }
-    copyRow(stmt, rows);
+    copyRow(stmt.get(), rows);
     ++rows;
     if (itemcnt != 0 && rows >= itemcnt) break;
   }
   itemcnt = rows;
-  sqlite3_finalize(stmt);
   return 0;
 }
 
 }  // namespace ipc_db::detail
 
-#endif  // IPC_DB_SRC_DB_TABLESQL_H_
+#endif  // IPC_DB_SRC_DB_SQLRUN_H_

@@ -1,13 +1,14 @@
-// Statement text and execution pieces shared by the record operations of
-// Table: naming, the select list, the filter clause, the per-column copy of
-// result values into caller memory, blob-bound statements and the
-// transaction statements around multi-record operations.
-#include "db/TableSql.h"
+// Assembly of the table operations' SQL text: column names, the select
+// list, the filter clause and the select, insert, update, delete, count and
+// max/min statements. The text is built in one string per statement,
+// rendering filter terms straight into it.
+#include "db/SqlText.h"
 
-#include "DBConn.h"
-#include "SQLiteDBConn.h"
-#include "bounded_mem.h"
-#include "db/CallerChecks.h"
+#include <cstdint>
+#include <cstring>
+
+#include "Log.h"
+#include "db/FieldText.h"
 #include "db/TermText.h"
 
 namespace ipc_db::detail {
@@ -42,22 +43,56 @@ const char* Joint(DbFilterOperator current, DbFilterOperator next) {
   return current == DB_FILTER_OP_LIMIT ? " " : nullptr;
 }
 
-}  // namespace
-
-bool CheckConnection(const Table& table) {
-  if (!CheckTableObjects(table)) return false;
-  if (table.parent->m_pDBConn != nullptr) return true;
-  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-  return false;
+void AppendIntegerValue(std::string* sql, const Member* member, const char* field) {
+  int32_t value;
+  std::memcpy(&value, field, sizeof(value));
+  if (value == 0 && member->auto_increment == 1 && member->primary_key == 1) {
+    sql->append("NULL");
+  } else {
+    sql->append(std::to_string(value));
+  }
 }
 
-sqlite3* TableHandle(const Table& table) {
-  return static_cast<CSqliteDBConn*>(table.parent->m_pDBConn)->m_pSqliteDB;
+void AppendValue(std::string* sql, const Member* member, const char* field,
+                 BoundBlob* blob) {
+  size_t width = member->type_meta->type_size;
+  if (member->sql_type == "BLOB") {
+    sql->push_back('?');
+    blob->data = field;
+    blob->size = static_cast<int>(width);
+    blob->present = true;
+  } else if (member->sql_type == "INTEGER") {
+    AppendIntegerValue(sql, member, field);
+  } else {
+    sql->push_back('\'');
+    AppendFieldChars(sql, field, width);
+    sql->push_back('\'');
+  }
+}
+
+// Appends the assignments of `set`, separated by ", ".
+void AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
+                       BoundBlob* blob) {
+  for (size_t i = 0; i < set.filters.size(); ++i) {
+    DbFilter* term = set.filters[i];
+    if (i > 0) sql->append(", ");
+    if (IsBlobTerm(term)) {
+      AppendBlobTerm(table, term, sql, blob);
+    } else {
+      AppendTerm(table, term, sql);
+    }
+  }
+}
+
+}  // namespace
+
+std::string ColumnName(Db* db, int analyzeName, const Member* member) {
+  if (analyzeName == 0) return member->name;
+  return db->getName(member->name);
 }
 
 std::string ColumnName(const Table& table, const Member* member) {
-  if (table.analyze_name == 0) return member->name;
-  return table.parent->getName(member->name);
+  return ColumnName(table.parent, table.analyze_name, member);
 }
 
 void AppendTerm(const Table& table, const DbFilter* term, std::string* sql) {
@@ -147,80 +182,67 @@ bool BuildSelect(const Table& table, const DbFilters& cols, const DbFilters& fil
   return true;
 }
 
-ColumnKind KindOf(const Member* member) {
-  if (member->sql_type == "INTEGER") {
-    return member->type_meta->type_size == 4 ? ColumnKind::kInt32 : ColumnKind::kInt64;
+std::string InsertPrefix(const Table& table, const std::vector<Member*>& columns) {
+  std::string sql = "insert into " + table.meta_data->type_name + "(";
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i > 0) sql.push_back(',');
+    sql.append(ColumnName(table, columns[i]));
   }
-  return member->sql_type == "BLOB" ? ColumnKind::kBlob : ColumnKind::kText;
+  sql.append(") values (");
+  return sql;
 }
 
-void LogSqliteFailure(SqliteCall call, int code, sqlite3* db) {
-  long long wide = code;
-  switch (call) {
-    case SqliteCall::kPrepare:
-      DB_LOG(kLogError, "Failed to sqlite3_prepare!errorcode:%lld, reason:%s!!\n", wide,
-             sqlite3_errmsg(db));
-      return;
-    case SqliteCall::kBindBlob:
-      DB_LOG(kLogError, "Failed to sqlite3_bind_blob!errorcode:%lld, reason:%s!!\n", wide,
-             sqlite3_errmsg(db));
-      return;
-    case SqliteCall::kStep:
-      DB_LOG(kLogError, "Failed to sqlite3_step!errorcode:%lld, reason:%s!!\n", wide,
-             sqlite3_errmsg(db));
-      return;
+std::string InsertStatement(const std::string& prefix,
+                            const std::vector<Member*>& columns, const char* record,
+                            BoundBlob* blob) {
+  std::string sql = prefix;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i > 0) sql.push_back(',');
+    AppendValue(&sql, columns[i], record + columns[i]->offset, blob);
   }
+  sql.append(");");
+  return sql;
 }
 
-long long RunBoundStatement(sqlite3* db, const std::string& sql,
-                            std::initializer_list<const BoundBlob*> blobs) {
-  sqlite3_stmt* stmt = nullptr;
-  int code = sqlite3_prepare(db, sql.c_str(), -1, &stmt, nullptr);
-  if (code != 0) {
-    LogSqliteFailure(SqliteCall::kPrepare, code, db);
-    sqlite3_finalize(stmt);
-    return -1;
-  }
-  int index = 1;
-  for (const BoundBlob* blob : blobs) {
-    if (!blob->present) continue;
-    code = sqlite3_bind_blob(stmt, index++, blob->data, blob->size, SQLITE_STATIC);
-    if (code != 0) {
-      LogSqliteFailure(SqliteCall::kBindBlob, code, db);
-      sqlite3_finalize(stmt);
-      return -1;
-    }
-  }
-  code = sqlite3_step(stmt);
-  if (code != SQLITE_DONE && code != 0) {
-    LogSqliteFailure(SqliteCall::kStep, code, db);
-    sqlite3_finalize(stmt);
-    return -1;
-  }
-  sqlite3_finalize(stmt);
-  return 0;
+bool BuildUpdate(const Table& table, const DbFilters& set, const DbFilters& where,
+                 std::string* sql, BoundBlob* setBlob, BoundBlob* whereBlob) {
+  sql->append("update ").append(table.meta_data->type_name).append(" set ");
+  AppendAssignments(table, set, sql, setBlob);
+  if (!AppendFilterClause(table, where, sql, whereBlob)) return false;
+  sql->append(";");
+  return true;
 }
 
-long long RunTransactionStatement(const Table& table, bool begin, bool withLineEnd) {
-  const char* sql = begin ? "begin;" : "commit;";
-  long long result = table.parent->m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);
-  if (begin) {
-    if (withLineEnd) {
-      DB_LOG(kLogDebug, " Table::begin = %s\n", sql);
-    } else {
-      DB_LOG(kLogDebug, " Table::begin = %s", sql);
-    }
-    if (result != 0)
-      DB_LOG(kLogError, "ExecuteSQL for begin failed!error:%lld\n", result);
+// "delete from <table>", and " where " with the terms joined by " and ".
+std::string DeleteStatement(const Table& table, const DbFilters& list) {
+  std::string sql = "delete from " + table.meta_data->type_name;
+  if (list.filters.empty()) {
+    DB_LOG(kLogInfo, "filters is null!\n");
   } else {
-    if (withLineEnd) {
-      DB_LOG(kLogDebug, " Table::end = %s\n", sql);
-    } else {
-      DB_LOG(kLogDebug, " Table::end = %s", sql);
+    sql.append(" where ");
+    for (size_t i = 0; i < list.filters.size(); ++i) {
+      if (i > 0) sql.append(" and ");
+      AppendTerm(table, list.filters[i], &sql);
     }
-    if (result != 0) DB_LOG(kLogError, "ExecuteSQL for end failed!error:%lld\n", result);
   }
-  return result == 0 ? 0 : -1;
+  sql.append(";");
+  return sql;
+}
+
+bool BuildCount(const Table& table, const DbFilters& filters, std::string* sql) {
+  sql->append("select count(*) from ").append(table.meta_data->type_name);
+  if (!AppendFilterClause(table, filters, sql)) return false;
+  sql->append(";");
+  return true;
+}
+
+bool BuildExtremum(const Table& table, const char* function, const Member* member,
+                   const DbFilters& filters, std::string* sql) {
+  sql->append(function).append(ColumnName(table, member)).append(")");
+  sql->append(" from ").append(table.meta_data->type_name);
+  if (!AppendFilterClause(table, filters, sql)) return false;
+  sql->append(";");
+  return true;
 }
 
 }  // namespace ipc_db::detail

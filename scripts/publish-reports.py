@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Copies rendered reports from a build tree into the documents, on purpose:
+the tests and benchmarks never write tracked files, a person runs this when
+the published figures should change, and commits the result.
+
+  scripts/publish-reports.py --build-dir DIR [DOC ...]
+
+A document names its published sections with marker pairs
+  <!-- report:GROUP -->  ...  <!-- /report:GROUP -->
+and each section is replaced by DIR/reports/GROUP.md (its title line left
+out). Sections whose report DIR does not hold are kept as they are. A
+<!-- report:provenance --> pair, when present, gets the date, the commit
+and DIR of the figures. DOCs default to docs/reliability.md and
+docs/performance.md. scripts/test.sh --full renders the reliability groups
+into build/default/reports; bench/run renders performance into
+build/release/reports.
+"""
+
+import argparse
+import datetime
+import os
+import re
+import subprocess
+
+MARKER = re.compile(r"(<!-- report:([\w-]+) -->\n)(.*?)(<!-- /report:\2 -->)", re.S)
+
+
+def rendered(build_dir, group):
+    path = os.path.join(build_dir, "reports", group + ".md")
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        lines = f.read().splitlines()
+    if lines and lines[0].startswith("# "):
+        lines = lines[1:]
+    return "\n".join(lines).strip() + "\n"
+
+
+def provenance(build_dir):
+    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"],
+                            capture_output=True, text=True).stdout.strip() or "?"
+    day = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
+    return f"Figures published on {day} from `{build_dir}` at commit `{commit}`.\n"
+
+
+def publish(doc, build_dir):
+    with open(doc) as f:
+        text = f.read()
+    replaced = []
+
+    def section(match):
+        group = match.group(2)
+        body = None if group == "provenance" else rendered(build_dir, group)
+        if body is None:
+            return match.group(0)
+        replaced.append(group)
+        return match.group(1) + body + match.group(4)
+
+    text = MARKER.sub(section, text)
+    if replaced:
+        text = MARKER.sub(lambda m: m.group(1) + provenance(build_dir) + m.group(4)
+                          if m.group(2) == "provenance" else m.group(0), text)
+        with open(doc, "w") as f:
+            f.write(text)
+    print(f"{doc}: {', '.join(replaced) if replaced else 'nothing'} published from "
+          f"{build_dir}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build-dir", required=True)
+    parser.add_argument("docs", nargs="*",
+                        default=["docs/reliability.md", "docs/performance.md"])
+    args = parser.parse_args()
+    for doc in args.docs:
+        publish(doc, args.build_dir)
+
+
+if __name__ == "__main__":
+    main()

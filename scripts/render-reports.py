@@ -1,0 +1,192 @@
+#!/usr/bin/env python3
+"""Merges the result files of a build tree and renders them as Markdown.
+
+  scripts/render-reports.py <build dir>
+
+Every group <build dir>/results/<group>/*.json becomes one object in
+<build dir>/reports/<group>.json, keyed by file name (without ".json"),
+and one page <build dir>/reports/<group>.md. A group with a renderer below
+gets its own tables; any other group (a new one included) gets a generic
+rendering: one table row per file when the files hold objects, a list
+otherwise. Writes only into <build dir>/reports.
+"""
+
+import json
+import os
+import sys
+
+
+def merge(group_dir):
+    merged = {}
+    for name in sorted(os.listdir(group_dir)):
+        if not name.endswith(".json"):
+            continue
+        with open(os.path.join(group_dir, name)) as f:
+            try:
+                merged[name[:-5]] = json.load(f)
+            except json.JSONDecodeError as error:
+                merged[name[:-5]] = {"unreadable": str(error)}
+    return merged
+
+
+def cell(value):
+    if isinstance(value, float):
+        return f"{value:.1f}"
+    if isinstance(value, dict):
+        return "; ".join(f"{k} {v}" for k, v in value.items()) or "none"
+    return str(value).replace("|", "\\|")
+
+
+def table(rows, columns, headers=None):
+    lines = ["| " + " | ".join(headers or columns) + " |",
+             "|" + "---|" * len(columns)]
+    for row in rows:
+        lines.append("| " + " | ".join(cell(row.get(c, "")) for c in columns) + " |")
+    return lines
+
+
+def rows_table(rows, first=None):
+    columns = [first] if first else []
+    for row in rows:
+        columns += [k for k in row if k not in columns]
+    return table(rows, columns)
+
+
+def generic(data):
+    values = list(data.values())
+    if values and all(isinstance(v, dict) for v in values):
+        return rows_table([dict(file=name, **value) for name, value in data.items()],
+                          "file")
+    lines = []
+    for name, value in data.items():
+        if isinstance(value, list) and value and all(isinstance(v, dict) for v in value):
+            lines += ["", f"## {name}", ""] + rows_table(value)
+        elif isinstance(value, dict):
+            lines += ["", f"## {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
+        else:
+            lines.append(f"- {name}: {cell(value)}")
+    return lines
+
+
+def columns_of(data, columns, headers):
+    return table(list(data.values()), columns, headers)
+
+
+def crash(data):
+    return columns_of(
+        data, ["test", "seed", "kills", "survived", "rows_lost", "calls_finished",
+               "cut_in_add_item", "cut_in_update_item", "cut_in_rmv_item",
+               "cut_between_calls", "rows_at_end", "seconds"],
+        ["Test", "Seed", "Kills", "Survived", "Rows lost", "Calls finished",
+         "Cut in add", "Cut in update", "Cut in remove", "Cut between calls",
+         "Rows at the end", "Seconds"])
+
+
+def corruption(data):
+    return columns_of(
+        data, ["file", "case", "open", "get_item_cnt", "sqlite_code", "queued",
+               "get_item", "rows_read", "RepairDB", "file_bytes_after",
+               "rows_after_repair", "integrity_after"],
+        ["File", "Damage", "OpenDB", "Statement", "SQLite code", "Queued",
+         "get_item", "Rows read", "RepairDB", "File bytes after", "Rows after repair",
+         "integrity_check after"])
+
+
+def wrongkey(data):
+    cases = {k: v for k, v in data.items() if "get_item" in v}
+    rekey = [v for v in data.values() if "reEncryptDB" in v]
+    lines = columns_of(
+        cases, ["case", "open", "table_exists", "get_item_cnt", "get_item", "add_item",
+                "createTable", "repair_requests", "error_entries"],
+        ["Case", "OpenDB", "Table exists", "get_item_cnt", "get_item", "add_item",
+         "createTable", "Repair requests", "Error entries"])
+    for v in rekey:
+        lines += ["", f"After a wrong key, `reEncryptDB` returns {v['reEncryptDB']}; file "
+                  f"changed: {v['file_changed']}; `get_item_cnt` with the new key: "
+                  f"{v['get_item_cnt_with_new_key']}."]
+    return lines
+
+
+def concurrency(data):
+    lines = []
+    threads = data.get("shared_db_threads")
+    if threads:
+        lines.append(
+            f"- {threads['threads']} threads for {threads['seconds']} s: "
+            f"{threads['rows_written']} rows written, {threads['rows_lost']} lost; "
+            f"{threads['single_inserts']} single inserts, {threads['batch_inserts']} batch "
+            f"inserts ({threads['batches_refused_at_begin']} refused at their \"begin;\"), "
+            f"{threads['reads']} reads ({threads['rows_read']} rows), "
+            f"{threads['counts']} counts.")
+    worker = data.get("execution_worker")
+    if worker:
+        lines.append(f"- Execution worker beside two queueing threads: committed "
+                     f"{worker['committed']} of {worker['queued']} queued statements.")
+    return lines or generic(data)
+
+
+def logguard(data):
+    entries = sum(v.get("entries_checked", 0) for v in data.values())
+    return [f"- Log entries checked for key bytes: {entries} in {len(data)} test "
+            f"processes; a match fails the test that wrote it."]
+
+
+def security(data):
+    return [f"- {name}: {cell(value)}" for name, value in data.items()]
+
+
+def valgrind(data):
+    rows = [dict(executable=k, **v) for k, v in data.items()]
+    return table(rows, ["executable", "tests_passed", "errors", "suppressed", "rc"],
+                 ["Executable", "Tests passed", "Errors", "Suppressed", "Exit status"])
+
+
+def fuzz(data):
+    rows = [dict(target=k, **v) for k, v in data.items()]
+    return table(rows, ["target", "seconds", "executions", "per_second", "new_units",
+                        "corpus", "findings", "rc"],
+                 ["Target", "Seconds", "Executions", "Per second", "New units",
+                  "Corpus files", "Findings", "Exit status"])
+
+
+def suites(data):
+    rows = [dict(suite=k, **v) for k, v in data.items()]
+    return table(rows, ["suite", "arguments", "passed", "failed", "total", "summary"],
+                 ["Suite", "ctest arguments", "Passed", "Failed", "Total", "Summary"])
+
+
+def stages(data):
+    rows = sorted(data.values(), key=lambda v: v.get("order", 0))
+    total = sum(v.get("seconds", 0) for v in rows)
+    return table(rows, ["stage", "seconds", "result"], ["Stage", "Seconds", "Result"]) + [
+        "", f"Total: {total} s."]
+
+
+RENDERERS = {"crash": crash, "corruption": corruption, "wrongkey": wrongkey,
+             "concurrency": concurrency, "logguard": logguard, "security": security, "valgrind": valgrind,
+             "fuzz": fuzz, "suites": suites, "stages": stages}
+
+
+def main():
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
+    build = sys.argv[1]
+    results = os.path.join(build, "results")
+    reports = os.path.join(build, "reports")
+    os.makedirs(reports, exist_ok=True)
+    groups = sorted(g for g in os.listdir(results)
+                    if os.path.isdir(os.path.join(results, g))) \
+        if os.path.isdir(results) else []
+    for group in groups:
+        data = merge(os.path.join(results, group))
+        with open(os.path.join(reports, group + ".json"), "w") as f:
+            json.dump(data, f, indent=1, sort_keys=True)
+            f.write("\n")
+        lines = RENDERERS.get(group, generic)(data)
+        with open(os.path.join(reports, group + ".md"), "w") as f:
+            f.write(f"# {group}\n\n" + "\n".join(lines).lstrip("\n") + "\n")
+        print(f"wrote {reports}/{group}.json and {group}.md")
+
+
+if __name__ == "__main__":
+    main()
