@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
@@ -63,19 +64,21 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
 
 long long Table::add_item(void* obj, unsigned long long itemcnt,
                           const DbFilters& filters) {
-  if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
-  bool batch = itemcnt > 1;
-  if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
-  std::vector<Member*> columns = SelectedMembers(*this, filters);
-  std::string prefix = InsertPrefix(*this, columns);
-  sqlite3* db = TableHandle(*this);
-  const char* records = static_cast<const char*>(obj);
-  for (unsigned long long i = 0; i < itemcnt; ++i) {
-    BoundBlob blob;
-    const char* record = records + i * meta_data->type_size;
-    std::string sql = InsertStatement(prefix, columns, record, &blob);
-    if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
-  }
-  if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
-  return 0;
+  return ipc_db::detail::DbCall("Table::add_item", -1LL, [&]() -> long long {
+    if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
+    bool batch = itemcnt > 1;
+    if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
+    std::vector<Member*> columns = SelectedMembers(*this, filters);
+    std::string prefix = InsertPrefix(*this, columns);
+    sqlite3* db = TableHandle(*this);
+    const char* records = static_cast<const char*>(obj);
+    for (unsigned long long i = 0; i < itemcnt; ++i) {
+      BoundBlob blob;
+      const char* record = records + i * meta_data->type_size;
+      std::string sql = InsertStatement(prefix, columns, record, &blob);
+      if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
+    }
+    if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
+    return 0;
+  });
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
@@ -68,23 +69,25 @@ bool CheckReadArguments(const Table& table, const DbFilters& cols,
 
 long long Table::get_item(DbFilters& cols, DbFilters& filters,
                           unsigned long long& itemcnt, void* obj) {
-  if (!CheckConnection(*this)) return -1;
-  if (obj == nullptr) {
-    DB_LOG(kLogError, "vecOutRows is null.\n");
-    return -1;
-  }
-  if (!CheckReadArguments(*this, cols, filters, itemcnt)) return -1;
-  bool packed = !cols.filters.empty();
-  std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
-  char* records = static_cast<char*>(obj);
-  size_t stride = packed ? 0 : meta_data->type_size;
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long row) {
-                     char* base = records + row * stride;
-                     for (size_t i = 0; i < targets.size(); ++i) {
-                       const ColumnTarget& target = targets[i];
-                       CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
-                                  base + target.offset);
-                     }
-                   });
+  return ipc_db::detail::DbCall("Table::get_item", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (obj == nullptr) {
+      DB_LOG(kLogError, "vecOutRows is null.\n");
+      return -1;
+    }
+    if (!CheckReadArguments(*this, cols, filters, itemcnt)) return -1;
+    bool packed = !cols.filters.empty();
+    std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
+    char* records = static_cast<char*>(obj);
+    size_t stride = packed ? 0 : meta_data->type_size;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long row) {
+                       char* base = records + row * stride;
+                       for (size_t i = 0; i < targets.size(); ++i) {
+                         const ColumnTarget& target = targets[i];
+                         CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
+                                    base + target.offset);
+                       }
+                     });
+  });
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
@@ -167,72 +168,80 @@ int FindColumn(const Table& table, const DbFilters& cols, const Member* member) 
 
 long long Table::get_item_z(DbFilters& cols, DbFilters& filters,
                             unsigned long long& itemcnt, void* obj, Meta* userMeta) {
-  if (!CheckConnection(*this)) return -1;
-  if (obj == nullptr) {
-    DB_LOG(kLogError, "vecOutRows is null.\n");
-    return -1;
-  }
-  if (!CheckUserMeta(*this, cols, userMeta)) return -1;
-  if (!CheckFilterTerms(filters) || !CheckByteSize(itemcnt, userMeta->type_size) ||
-      !CheckOpenHandle(*this)) {
-    return -1;
-  }
-  std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
-  char* records = static_cast<char*>(obj);
-  size_t stride = userMeta->type_size;
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long row) {
-                     CopyIntoLayout(parent, stmt, matches, records + row * stride);
-                   });
+  return ipc_db::detail::DbCall("Table::get_item_z", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (obj == nullptr) {
+      DB_LOG(kLogError, "vecOutRows is null.\n");
+      return -1;
+    }
+    if (!CheckUserMeta(*this, cols, userMeta)) return -1;
+    if (!CheckFilterTerms(filters) || !CheckByteSize(itemcnt, userMeta->type_size) ||
+        !CheckOpenHandle(*this)) {
+      return -1;
+    }
+    std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
+    char* records = static_cast<char*>(obj);
+    size_t stride = userMeta->type_size;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long row) {
+                       CopyIntoLayout(parent, stmt, matches, records + row * stride);
+                     });
+  });
 }
 
 long long Table::get_item_lz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::list<std::string>& out,
                              Meta* userMeta) {
-  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                   [&](std::string&& text) { out.push_back(std::move(text)); });
+  return ipc_db::detail::DbCall("Table::get_item_lz", -1LL, [&]() -> long long {
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                     [&](std::string&& text) { out.push_back(std::move(text)); });
+  });
 }
 
 long long Table::get_item_vz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::vector<std::string>& out,
                              Meta* userMeta) {
-  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                   [&](std::string&& text) { out.push_back(std::move(text)); });
+  return ipc_db::detail::DbCall("Table::get_item_vz", -1LL, [&]() -> long long {
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                     [&](std::string&& text) { out.push_back(std::move(text)); });
+  });
 }
 
 long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::set<std::string>& out,
                              Member* userMember) {
-  if (!CheckConnection(*this)) return -1;
-  if (userMember == nullptr) {
-    DB_LOG(kLogError, "userMember_data is null.");
-    return -1;
-  }
-  if (!CheckMemberType(*userMember)) return -1;
-  size_t width = userMember->type_meta->type_size;
-  if (width == 0) {
-    DB_LOG(kLogError, "userMeta_data size is null.");
-    return -1;
-  }
-  if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
-  if (!CheckFilterTerms(filters) || !CheckOpenHandle(*this)) return -1;
-  int column = FindColumn(*this, cols, userMember);
-  // Whole-table reads place the value at the member's offset and the text is
-  // read from the start of the zeroed area: with an offset other than 0 the
-  // value never reaches the text read, which is then always empty. So the
-  // value is copied only for offset 0, and the area is one field wide
-  // whatever the offset (an offset near 4 GiB must not size it).
-  bool lands = !cols.filters.empty() || userMember->offset == 0;
-  ScratchRecord scratch(width);
-  if (!scratch.Usable()) return -1;
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long) {
-                     char* buffer = scratch.Clear();
-                     if (column >= 0) {
-                       parent->preProcMember(userMember);
-                       if (lands)
-                         CopyColumn(stmt, column, KindOf(userMember), width, buffer);
-                     }
-                     out.insert(scratch.Text(width));
-                   });
+  return ipc_db::detail::DbCall("Table::get_item_sz", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (userMember == nullptr) {
+      DB_LOG(kLogError, "userMember_data is null.");
+      return -1;
+    }
+    if (!CheckMemberType(*userMember)) return -1;
+    size_t width = userMember->type_meta->type_size;
+    if (width == 0) {
+      DB_LOG(kLogError, "userMeta_data size is null.");
+      return -1;
+    }
+    if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
+    if (!CheckFilterTerms(filters) || !CheckOpenHandle(*this)) return -1;
+    int column = FindColumn(*this, cols, userMember);
+    // Whole-table reads place the value at the member's offset and the text is
+    // read from the start of the zeroed area: with an offset other than 0 the
+    // value never reaches the text read, which is then always empty. So the
+    // value is copied only for offset 0, and the area is one field wide
+    // whatever the offset (an offset near 4 GiB must not size it).
+    bool lands = !cols.filters.empty() || userMember->offset == 0;
+    ScratchRecord scratch(width);
+    if (!scratch.Usable()) return -1;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long) {
+                       char* buffer = scratch.Clear();
+                       if (column >= 0) {
+                         parent->preProcMember(userMember);
+                         if (lands)
+                           CopyColumn(stmt, column, KindOf(userMember), width, buffer);
+                       }
+                       out.insert(scratch.Text(width));
+                     });
+  });
 }

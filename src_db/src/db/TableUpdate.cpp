@@ -7,6 +7,7 @@
 #include <string>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
@@ -69,33 +70,37 @@ bool CheckRemoveLists(const DbFilters* filters, unsigned long long itemcnt) {
 }  // namespace
 
 long long Table::update_item(DbFilters& set, DbFilters& where) {
-  if (!CheckConnection(*this)) return -1;
-  if (set.filters.empty()) {
-    DB_LOG(kLogError, "filters is empty.\n");
-    return -1;
-  }
-  if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
-  std::string sql;
-  BoundBlob setBlob;
-  BoundBlob whereBlob;
-  if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
-  if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
-  if (!CheckOpenHandle(*this)) return -1;
-  return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
+  return ipc_db::detail::DbCall("Table::update_item", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (set.filters.empty()) {
+      DB_LOG(kLogError, "filters is empty.\n");
+      return -1;
+    }
+    if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
+    std::string sql;
+    BoundBlob setBlob;
+    BoundBlob whereBlob;
+    if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
+    if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
+    if (!CheckOpenHandle(*this)) return -1;
+    return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
+  });
 }
 
 long long Table::rmv_item(DbFilters* filters, unsigned long long itemcnt) {
-  if (!CheckConnection(*this)) return -1;
-  if (itemcnt == 0) {
-    DB_LOG(kLogError, "itemcnt values is  wrong.\n");
-    return -1;
-  }
-  if (!CheckRemoveLists(filters, itemcnt)) return -1;
-  bool batch = itemcnt > 1;
-  if (batch && RunTransactionStatement(*this, true, true) != 0) return -1;
-  for (unsigned long long i = 0; i < itemcnt; ++i) {
-    if (RunDelete(*this, filters[i]) != 0) return -1;
-  }
-  if (batch && RunTransactionStatement(*this, false, true) != 0) return -1;
-  return 0;
+  return ipc_db::detail::DbCall("Table::rmv_item", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (itemcnt == 0) {
+      DB_LOG(kLogError, "itemcnt values is  wrong.\n");
+      return -1;
+    }
+    if (!CheckRemoveLists(filters, itemcnt)) return -1;
+    bool batch = itemcnt > 1;
+    if (batch && RunTransactionStatement(*this, true, true) != 0) return -1;
+    for (unsigned long long i = 0; i < itemcnt; ++i) {
+      if (RunDelete(*this, filters[i]) != 0) return -1;
+    }
+    if (batch && RunTransactionStatement(*this, false, true) != 0) return -1;
+    return 0;
+  });
 }
