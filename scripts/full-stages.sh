@@ -76,7 +76,7 @@ fuzz_stage() {
     return 1
   fi
   local target
-  for target in filter_render_fuzzer naming_fuzzer get_item_fuzzer; do
+  for target in filter_render_fuzzer naming_fuzzer get_item_fuzzer call_sequence_fuzzer; do
     fuzz_one "$target" &
     background_pids+=($!)
   done

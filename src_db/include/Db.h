@@ -52,10 +52,13 @@ class IPC_DB_API Db {
 
   // Prepares every member of `meta` and creates its table when missing.
   // Returns a new Table owned by the caller, or null (logged). REQUIRES:
-  // Init succeeded; `meta` outlives the Table.
+  // Init succeeded ("Db::createTable m_pDBConn is null.\n" and null
+  // otherwise); every member of `meta` set with a type_meta (null and one
+  // error entry otherwise); `meta` outlives the Table.
   Table* createTable(Meta* meta, int analyze_name);
   // Drops the table of `meta`. 0 (also when it does not exist) or -1.
-  // REQUIRES: Init succeeded.
+  // REQUIRES: Init succeeded ("Db::destroyTable m_pDBConn is null.\n" and
+  // -1 otherwise).
   long long destroyTable(Meta* meta);
   // Reads the stored CREATE text of `tableName` into `sql`. 0, -1, -201
   // without a connection, or ExecuteSQL's code. `sql` unchanged on failure.
@@ -64,7 +67,10 @@ class IPC_DB_API Db {
   int getTableStatus(std::string& tableName);
   // Adds the members of `change` as columns with one ALTER TABLE statement
   // (SQLite accepts only one column per statement). 0 or -1. REQUIRES: Init
-  // succeeded; `change` not empty.
+  // succeeded; `change` not empty, its members set, each with a type_meta.
+  // Otherwise -1 and one error entry ("Db::updateTable m_pDBConn is
+  // null.\n", "TableChange is empty.\n", "TableChange has a null
+  // member.\n", "type_meta of member <name> is null.\n"), no statement.
   long long updateTable(std::string tableName, TableChange& change,
                         std::string defaultValue, int analyze_name);
   // "VACUUM;". 0 or -1 ("m_pDBConn is null." without a connection).
@@ -74,7 +80,9 @@ class IPC_DB_API Db {
 
   // Fills member->sql_type from the first letter of its name when it is
   // still "unknown_type" (c CHAR(n), b BLOB, t TEXT, i INTEGER, d datetime)
-  // and returns a copy. REQUIRES: member->type_meta not null.
+  // and returns a copy. REQUIRES: member->type_meta not null (otherwise
+  // "unknown_type" and the error entry "type_meta of member <name> is
+  // null.\n").
   std::string getType(Member* member);
   // Plain column name: without the type letter and without everything from
   // the last "_". A name not starting with a type letter is returned as is.

@@ -41,6 +41,10 @@ class IPC_DB_API DbFilter {
   ~DbFilter();
 
   // The term as SQL text, with the member's name as the column name.
+  // REQUIRES: a member with a type_meta when the operator names a column,
+  // and the value pointers the operator reads (see above). Otherwise the
+  // empty text and one error entry ("filter member is null.\n", "type_meta
+  // of member <name> is null.\n", "filter value is null.\n").
   std::string op2Str();
   // As op2Str, with getFilterName(member->name) as the column name.
   std::string op2StrAnalyze();

@@ -30,16 +30,22 @@ class IPC_DB_API CSqliteDBConn : public CDBConn {
   // Re-keys the open database with `uiKeyLen` bytes of `szEncryptKey` and
   // keeps the new key for the next open. Returns 0 or DB_ERR_ENCRYPT (also
   // when either key is empty, logged at information level). If the key copy
-  // fails after a successful re-key, m_mutexConn stays locked.
+  // fails after a successful re-key, m_mutexConn stays locked. REQUIRES:
+  // `szEncryptKey` not null (DB_ERR_ENCRYPT and "RECORD: szEncryptKey is
+  // null" otherwise, before the lock).
   long long ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) override;
   void SetDBFile(const std::string& strDBFile) override;
   void SetDBJournal(const std::string& strDBJournal) override;
   long long SetDBJournalAttr(DB_JOURNAL_TYPE enDbJournalType) override;
+  // REQUIRES: `sql` not null: a synchronous call returns DB_ERR_EXEC with
+  // "RECORD: sql is null" and queues no maintenance request.
   long long ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
                        DB_EXEC_SQL_TYPE type) override;
   void FreeExecuteResult(DB_EXEC_RESULT* result) override;
   long long BeginTransaction() override;
   long long CommitTransaction() override;
+  // REQUIRES (these three): a text that is not null; otherwise 0 and
+  // "RECORD: sql is null" or "RECORD: table is null".
   long long GetCountOfSQLResult(const char* sql) override;
   int WhetherTableExist(const char* table) override;
   long long GetRowCount(const char* table) override;

@@ -6,6 +6,23 @@
 // Threads: no lock is taken; statements run on the caller's thread on the
 // connection's handle, relying on SQLite's serialisation of that handle.
 // Text values are put into SQL text unescaped: never pass untrusted text.
+//
+// Caller mistakes: every operation REQUIRES `parent` and `meta_data` set,
+// every member of `meta_data` (and of a layout Meta) set with a type_meta,
+// every term of a list set, a member on every term whose operator names a
+// column, and on a term over a non-"INTEGER" column (and on every like- or
+// in-term with elements) the value pointers its operator reads. Record reads
+// and writes further REQUIRE a record size above 0 that holds every member
+// (offset + width), a count whose byte size fits in size_t, and an open
+// database. A call that breaks one of these returns -1 before anything
+// touches the database and logs one error entry naming the mistake
+// ("parent is null.\n", "meta_data is null.\n", "<list> has a null
+// member.\n", "type_meta of member <name> is null.\n", "<meta> size is
+// null.\n", "member <name> lies outside <meta>.\n", "itemcnt values is too
+// large.\n", "filters has a null filter.\n", "filter member is null.\n",
+// "filter value is null.\n", "filters is null.\n",
+// "parent->m_pDBConn->m_pSqliteDB is null.\n"). Not detectable: a count
+// larger than the caller's array, a Table used after its Db or Meta died.
 #ifndef IPC_DB_TABLE_H_
 #define IPC_DB_TABLE_H_
 
@@ -32,7 +49,7 @@ class IPC_DB_API Table {
   // Inserts `itemcnt` records starting at `obj`; more than one in a single
   // transaction. `filters` empty: all columns; else only its terms' members
   // (values ignored). 0 or -1. After a failure inside a multi-record call
-  // the transaction is left open.
+  // the transaction is left open. REQUIRES: `obj` holds `itemcnt` records.
   long long add_item(void* obj, unsigned long long itemcnt,
                      const DbFilters& filters);
   // Sets the columns of `set` (equal terms only) on the rows selected by
@@ -40,6 +57,8 @@ class IPC_DB_API Table {
   long long update_item(DbFilters& set, DbFilters& where);
   // Runs one delete per list of the array `filters` of `itemcnt` lists; an
   // empty list deletes every row. More than one in a transaction. 0 or -1.
+  // REQUIRES: `filters` not null, with `itemcnt` lists; every list is checked
+  // before the first delete runs.
   long long rmv_item(DbFilters* filters, unsigned long long itemcnt);
   // Meta::toString(prefix) of meta_data followed by "\n".
   std::string toString(std::string prefix);
@@ -47,7 +66,8 @@ class IPC_DB_API Table {
   // Reads matching rows into the records at `obj`. itemcnt in: the most
   // rows (0 no limit); out: rows read. `cols` empty reads whole records;
   // otherwise the named columns are packed at the start of `obj`, each row
-  // overwriting the previous one. 0 or -1.
+  // overwriting the previous one. 0 or -1. REQUIRES: `obj` has room for
+  // `itemcnt` records (for every row when 0).
   long long get_item(DbFilters& cols, DbFilters& filters,
                      unsigned long long& itemcnt, void* obj);
   // As get_item, into records laid out by `userMeta` (matched by name).
@@ -79,9 +99,11 @@ class IPC_DB_API Table {
                          std::string& out);
 
   // "create index <name> on <table>(<column>)"; records the name in
-  // member->index_name. 0 or -1.
+  // member->index_name. 0 or -1. REQUIRES: `member` not null and the Db
+  // initialised ("parent->m_pDBConn is null." otherwise).
   long long add_index(std::string name, Member* member);
   // Drops the index that a member of this table records. 0 or -1.
+  // REQUIRES: the Db initialised.
   long long drop_index(std::string name);
   // "VACUUM <table>;". 0 or -1.
   long long table_vacuum();

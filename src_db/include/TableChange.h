@@ -18,7 +18,8 @@ class IPC_DB_API TableChange {
   ~TableChange();
 
   // "No Change\n" when empty; otherwise "table changes:" followed by each
-  // member's toString("  "), one per line.
+  // member's toString("  "), one per line. A null member is left out (its
+  // line stays empty) and logged once: "TableChange has a null member.\n".
   std::string toString();
 
   std::vector<Member*> members;

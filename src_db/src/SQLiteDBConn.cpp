@@ -13,16 +13,19 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "BoundedQueue.h"
 #include "Log.h"
 #include "MutexLock.h"
+#include "OutOfMemory.h"
 #include "SqliteOwners.h"
 #include "bounded_mem.h"
 
 namespace {
 
 constexpr const char* kModule = "src_db/src/SQLiteDBConn";
+using ipc_db::detail::AnswerOutOfMemory;
 using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
@@ -44,6 +47,23 @@ constexpr int kKeyLengthAtOpen = 64;
 constexpr unsigned long long kPauseSettleMs = 2000;
 
 const char* const kCountColumn = "count(*)";
+
+// True when `text` is set; otherwise logs "RECORD: <what> is null".
+bool IsSet(const char* text, const char* what) {
+  if (text != nullptr) return true;
+  RECORD_LOG(kModule, kLogError, "%s is null", what);
+  return false;
+}
+
+// Runs a public connection call's body; a std::bad_alloc leaving it gives
+// `failure` and "RECORD: <operation> out of memory".
+template <typename Result, typename Body>
+Result ConnCall(const char* operation, Result failure, Body&& body) {
+  return AnswerOutOfMemory(
+      failure,
+      [operation] { RECORD_LOG(kModule, kLogError, "%s out of memory", operation); },
+      std::forward<Body>(body));
+}
 
 // Whether a statement may run on the connection now.
 enum class HandleState {
@@ -319,42 +339,47 @@ long long CSqliteDBConn::ResumeConnection() {
 
 long long CSqliteDBConn::ExecuteSQL(const char* sql, DB_EXEC_RESULT* result,
                                     DB_EXEC_SQL_TYPE type) {
-  HandleState state = StateOf(*this);
-  if (state == HandleState::kPaused) return 0;
-  if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
-  if (type == DB_EXEC_SQL_ASYNC) {
-    SQLITE_DB_EXEC_QUEUE_ITEM item;
-    int copied = strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1);
-    if (copied != 0) {
-      RECORD_LOG(kModule, kLogError, "Copy szSQL failed");
-      return copied;
+  return ConnCall("ExecuteSQL", static_cast<long long>(DB_ERR_EXEC), [&]() -> long long {
+    HandleState state = StateOf(*this);
+    if (state == HandleState::kPaused) return 0;
+    if (state == HandleState::kNoHandle) return DB_ERR_CONN_NOT_EXIST;
+    if (type == DB_EXEC_SQL_ASYNC) {
+      SQLITE_DB_EXEC_QUEUE_ITEM item;
+      int copied = strncpy_s(item.szSQL, sizeof(item.szSQL), sql, sizeof(item.szSQL) - 1);
+      if (copied != 0) {
+        RECORD_LOG(kModule, kLogError, "Copy szSQL failed");
+        return copied;
+      }
+      item.enCmdType = SQLITE_EXEC_CMD_SQL;
+      long long queued = NotifySqlExecCmd(item);
+      if (queued != 0) RECORD_LOG(kModule, kLogError, "NotifySqlExecCmd failed");
+      return queued;
     }
-    item.enCmdType = SQLITE_EXEC_CMD_SQL;
-    long long queued = NotifySqlExecCmd(item);
-    if (queued != 0) RECORD_LOG(kModule, kLogError, "NotifySqlExecCmd failed");
-    return queued;
-  }
-  char* message = nullptr;
-  int code;
-  if (result != nullptr) {
-    code = sqlite3_get_table(m_pSqliteDB, sql, &result->ppszResult, &result->iRowCount,
-                             &result->iColumnCount, &message);
-  } else {
-    code = sqlite3_exec(m_pSqliteDB, sql, nullptr, nullptr, &message);
-  }
-  SqliteString ownedMessage(message);
-  if (code != SQLITE_OK) {
+    // A null statement is refused here; SQLite would run it as an empty one.
+    if (!IsSet(sql, "sql")) return DB_ERR_EXEC;
+    char* message = nullptr;
+    int code;
     if (result != nullptr) {
-      RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
-                 message);
+      code = sqlite3_get_table(m_pSqliteDB, sql, &result->ppszResult, &result->iRowCount,
+                               &result->iColumnCount, &message);
     } else {
-      RECORD_LOG(kModule, kLogError, "sqlite3_exec:%s failed:%d,%s", sql, code, message);
+      code = sqlite3_exec(m_pSqliteDB, sql, nullptr, nullptr, &message);
     }
-    ErrorProcess(code, sql);
-    return DB_ERR_EXEC;
-  }
-  RECORD_LOG(kModule, kLogDebug, "ExecuteSQL: %s SUCCESS", sql);
-  return 0;
+    SqliteString ownedMessage(message);
+    if (code != SQLITE_OK) {
+      if (result != nullptr) {
+        RECORD_LOG(kModule, kLogError, "sqlite3_get_table:%s failed:%d,%s", sql, code,
+                   message);
+      } else {
+        RECORD_LOG(kModule, kLogError, "sqlite3_exec:%s failed:%d,%s", sql, code,
+                   message);
+      }
+      ErrorProcess(code, sql);
+      return DB_ERR_EXEC;
+    }
+    RECORD_LOG(kModule, kLogDebug, "ExecuteSQL: %s SUCCESS", sql);
+    return 0;
+  });
 }
 
 void CSqliteDBConn::FreeExecuteResult(DB_EXEC_RESULT* result) {
@@ -363,40 +388,48 @@ void CSqliteDBConn::FreeExecuteResult(DB_EXEC_RESULT* result) {
 }
 
 long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
-  if (StateOf(*this) != HandleState::kReady) return 0;
-  ScopedExecResult result(this);
-  if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
-    RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
-    return 0;
-  }
-  return ScanCountColumn(*result);
+  return ConnCall("GetCountOfSQLResult", 0LL, [&]() -> long long {
+    if (StateOf(*this) != HandleState::kReady || !IsSet(sql, "sql")) return 0;
+    ScopedExecResult result(this);
+    if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
+      RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
+      return 0;
+    }
+    return ScanCountColumn(*result);
+  });
 }
 
 int CSqliteDBConn::WhetherTableExist(const char* table) {
-  if (StateOf(*this) != HandleState::kReady) return 0;
-  char query[kQueryBufferSize] = {0};
-  int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
-                           "select count(*) from sqlite_master where type = 'table' "
-                           "and name = '%s'",
-                           table);
-  if (written < 1) {
-    // The entry is written twice: log readers see two identical lines for a
-    // count query that could not be formatted.
-    RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
-    RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
-  }
-  return GetCountOfSQLResult(query) != 0 ? 1 : 0;
+  return ConnCall("WhetherTableExist", 0, [&]() -> int {
+    if (StateOf(*this) != HandleState::kReady) return 0;
+    char query[kQueryBufferSize] = {0};
+    if (!IsSet(table, "table")) return 0;
+    int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
+                             "select count(*) from sqlite_master where type = 'table' "
+                             "and name = '%s'",
+                             table);
+    if (written < 1) {
+      // The entry is written twice: log readers see two identical lines for a
+      // count query that could not be formatted.
+      RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
+      RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
+    }
+    return GetCountOfSQLResult(query) != 0 ? 1 : 0;
+  });
 }
 
 long long CSqliteDBConn::GetRowCount(const char* table) {
-  if (StateOf(*this) != HandleState::kReady) return 0;
-  char query[kQueryBufferSize] = {0};
-  int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
-                           "select count(*) from %s", table);
-  if (written < 1) {
-    RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
-  }
-  return GetCountOfSQLResult(query);
+  return ConnCall("GetRowCount", 0LL, [&]() -> long long {
+    if (StateOf(*this) != HandleState::kReady) return 0;
+    char query[kQueryBufferSize] = {0};
+    if (!IsSet(table, "table")) return 0;
+    int written = snprintf_s(query, sizeof(query), sizeof(query) - 1,
+                             "select count(*) from %s", table);
+    if (written < 1) {
+      RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
+    }
+    return GetCountOfSQLResult(query);
+  });
 }
 
 namespace {
@@ -584,6 +617,7 @@ long long CSqliteDBConn::RestoreDB() { return BackUpDB(); }
 // ---- Encryption and journal mode ------------------------------------------
 
 long long CSqliteDBConn::ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
+  if (!IsSet(szEncryptKey, "szEncryptKey")) return DB_ERR_ENCRYPT;
   if (m_szEncryptKey[0] == 0 || szEncryptKey[0] == 0) {
     RECORD_LOG(kModule, kLogInfo, "SqliteDB is not Encypt");
     return DB_ERR_ENCRYPT;

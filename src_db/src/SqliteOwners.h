@@ -52,9 +52,15 @@ class ScopedExecResult {
   DB_EXEC_RESULT* get() { return &result_; }
   const DB_EXEC_RESULT& operator*() const { return result_; }
   const DB_EXEC_RESULT* operator->() const { return &result_; }
-  // The first value cell (after the single heading), or null.
+  // The first value cell (after the single heading), or null. A query
+  // without rows (a limit of 0, say) has no such cell: its table may hold
+  // the heading alone or nothing at all.
   const char* FirstValue() const {
-    return result_.ppszResult == nullptr ? nullptr : result_.ppszResult[1];
+    if (result_.ppszResult == nullptr || result_.iRowCount < 1 ||
+        result_.iColumnCount < 1) {
+      return nullptr;
+    }
+    return result_.ppszResult[1];
   }
 
  private:

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "Log.h"
+#include "OutOfMemory.h"
 #include "SQLiteDBConn.h"
 
 namespace {
@@ -38,29 +39,33 @@ long long Forward(CDBConn* conn, long long (CDBConn::*operation)(), const char* 
 long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPath,
                    const std::string& strDBFile, const std::string& strDBJournal,
                    char* szEncryptKey, unsigned int uiKeyLen) {
-  if (szEncryptKey == nullptr) {
-    DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
-    return -1;
-  }
-  // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
-  if (static_cast<unsigned int>(ullDBType) != 0) return -1;
+  return ipc_db::detail::DbCall("Db::Init", -1LL, [&]() -> long long {
+    if (szEncryptKey == nullptr) {
+      DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+      return -1;
+    }
+    // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
+    if (static_cast<unsigned int>(ullDBType) != 0) return -1;
 
-  // An earlier connection is not looked at: a second Init leaks it.
-  CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
-  m_pDBConn = conn;
-  if (conn == nullptr) {
-    DB_LOG(ipc_db::detail::kLogError, "New DBConn failed\n");
-    return -1;
-  }
-  conn->m_strInstallPath = strInstallPath;
-  conn->SetDBFile(strDBFile);
-  conn->SetDBJournal(strDBJournal);
-  conn->SetEncryptKey(szEncryptKey, uiKeyLen);
-  return 0;
+    // An earlier connection is not looked at: a second Init leaks it.
+    CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
+    m_pDBConn = conn;
+    if (conn == nullptr) {
+      DB_LOG(ipc_db::detail::kLogError, "New DBConn failed\n");
+      return -1;
+    }
+    conn->m_strInstallPath = strInstallPath;
+    conn->SetDBFile(strDBFile);
+    conn->SetDBJournal(strDBJournal);
+    conn->SetEncryptKey(szEncryptKey, uiKeyLen);
+    return 0;
+  });
 }
 
 long long Db::OpenDB() {
-  return Forward(m_pDBConn, &CDBConn::OpenConnection, "OpenConnection");
+  return ipc_db::detail::DbCall("Db::OpenDB", -1LL, [&]() -> long long {
+    return Forward(m_pDBConn, &CDBConn::OpenConnection, "OpenConnection");
+  });
 }
 
 long long Db::CloseDB() {
@@ -87,25 +92,29 @@ unsigned int Db::GetDBStatus() {
 }
 
 long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
-  if (m_pDBConn == nullptr) {
-    LogNoConnection();
-    return kReEncryptNoConnection;
-  }
-  if (szEncryptKey == nullptr) {
-    DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
-    return -1;
-  }
-  return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
+  return ipc_db::detail::DbCall("Db::reEncryptDB", -1LL, [&]() -> long long {
+    if (m_pDBConn == nullptr) {
+      LogNoConnection();
+      return kReEncryptNoConnection;
+    }
+    if (szEncryptKey == nullptr) {
+      DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+      return -1;
+    }
+    return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
+  });
 }
 
 long long Db::SetJournalAttr(DB_JOURNAL_TYPE type) {
-  if (m_pDBConn == nullptr) {
-    LogNoConnection();
-    return -1;
-  }
-  const long long result = m_pDBConn->SetDBJournalAttr(type);
-  if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "SetDBJournalAttr failed\n");
-  }
-  return result;
+  return ipc_db::detail::DbCall("Db::SetJournalAttr", -1LL, [&]() -> long long {
+    if (m_pDBConn == nullptr) {
+      LogNoConnection();
+      return -1;
+    }
+    const long long result = m_pDBConn->SetDBJournalAttr(type);
+    if (result != 0) {
+      DB_LOG(ipc_db::detail::kLogError, "SetDBJournalAttr failed\n");
+    }
+    return result;
+  });
 }

@@ -14,13 +14,16 @@
 
 #include "Log.h"
 #include "Meta.h"
+#include "db/CallerChecks.h"
 #include "db/FieldText.h"
 #include "db/TermText.h"
 
 using ipc_db::detail::AppendDecimal;
 using ipc_db::detail::AppendFieldChars;
+using ipc_db::detail::CheckFilterTerm;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::SlotInt;
+using ipc_db::detail::TermNamesColumn;
 
 namespace {
 
@@ -108,19 +111,6 @@ const char* ComparisonText(DbFilterOperator op) {
   }
 }
 
-// The member name is read only by the operators that name a column, so that
-// and-, limit- and offset-terms may carry no member at all.
-bool NamesColumn(DbFilterOperator op) {
-  switch (op) {
-    case DB_FILTER_OP_AND:
-    case DB_FILTER_OP_LIMIT:
-    case DB_FILTER_OP_OFFSET:
-      return false;
-    default:
-      return op >= DB_FILTER_OP_EQ && op <= DB_FILTER_OP_IN;
-  }
-}
-
 void AppendBetween(std::string* out, const DbFilter& term, std::string_view column) {
   out->append(column).append(" between ");
   if (IsIntegerMember(term.member)) {
@@ -189,7 +179,9 @@ std::string_view FilterNameOf(const std::string& name) {
 // The column a term names (none for and-, limit- and offset-terms): the
 // member's name as it stands, or the part getFilterName derives from it.
 std::string_view ColumnOf(const DbFilter& term, bool derivedName) {
-  if (!NamesColumn(term.op)) return std::string_view();
+  // The member name is read only by the operators that name a column, so
+  // that and-, limit- and offset-terms may carry no member at all.
+  if (!TermNamesColumn(term.op)) return std::string_view();
   return derivedName ? FilterNameOf(term.member->name)
                      : std::string_view(term.member->name);
 }
@@ -203,12 +195,14 @@ DbFilter::~DbFilter() {}
 
 std::string DbFilter::op2Str() {
   std::string out;
+  if (!CheckFilterTerm(*this)) return out;
   AppendTerm(*this, ColumnOf(*this, false), &out);
   return out;
 }
 
 std::string DbFilter::op2StrAnalyze() {
   std::string out;
+  if (!CheckFilterTerm(*this)) return out;
   AppendTerm(*this, ColumnOf(*this, true), &out);
   return out;
 }

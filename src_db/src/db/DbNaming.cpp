@@ -9,6 +9,7 @@
 #include "Db.h"
 #include "Log.h"
 #include "Meta.h"
+#include "db/CallerChecks.h"
 #include "db/MemberDefaults.h"
 
 using ipc_db::detail::kUnknownType;
@@ -58,6 +59,7 @@ std::string Db::getType(Member* member) {
     DB_LOG(ipc_db::detail::kLogError, "member is null\n");
     return kUnknownType;
   }
+  if (!ipc_db::detail::CheckMemberType(*member)) return kUnknownType;
   DB_LOG(ipc_db::detail::kLogDebug, "name is %s    type is %s \n", member->name.c_str(),
          member->type_meta->type_name.c_str());
   // The type is worked out once; an earlier or caller-set value is kept.

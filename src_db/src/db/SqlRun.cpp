@@ -5,10 +5,12 @@
 
 #include "ConnHandle.h"
 #include "DBConn.h"
+#include "db/CallerChecks.h"
 
 namespace ipc_db::detail {
 
 bool CheckConnection(const Table& table) {
+  if (!CheckTableObjects(table)) return false;
   if (table.parent->m_pDBConn != nullptr) return true;
   DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
   return false;

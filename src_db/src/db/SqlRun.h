@@ -23,8 +23,9 @@
 
 namespace ipc_db::detail {
 
-// True when the table's Db has a connection; otherwise logs
-// "parent->m_pDBConn is null.\n" (the row operations' wording).
+// True when the table has its Db and Meta (CheckTableObjects) and the Db has
+// a connection; otherwise logs "parent->m_pDBConn is null.\n" (the row
+// operations' wording).
 bool CheckConnection(const Table& table);
 
 // The open SQLite handle of the table's connection (null when closed), from

@@ -70,16 +70,11 @@ void AppendValue(std::string* sql, const Member* member, const char* field,
   }
 }
 
-// Appends the assignments of `set`, separated by ", ". Only equal terms are
-// allowed; false (logged) for any other operator.
-bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
+// Appends the assignments of `set`, separated by ", ".
+void AppendAssignments(const Table& table, const DbFilters& set, std::string* sql,
                        BoundBlob* blob) {
   for (size_t i = 0; i < set.filters.size(); ++i) {
     DbFilter* term = set.filters[i];
-    if (term->op != DB_FILTER_OP_EQ) {
-      DB_LOG(kLogError, "op is not equal\n");
-      return false;
-    }
     if (i > 0) sql->append(", ");
     if (IsBlobTerm(term)) {
       AppendBlobTerm(table, term, sql, blob);
@@ -87,7 +82,6 @@ bool AppendAssignments(const Table& table, const DbFilters& set, std::string* sq
       AppendTerm(table, term, sql);
     }
   }
-  return true;
 }
 
 }  // namespace
@@ -213,7 +207,7 @@ std::string InsertStatement(const std::string& prefix,
 bool BuildUpdate(const Table& table, const DbFilters& set, const DbFilters& where,
                  std::string* sql, BoundBlob* setBlob, BoundBlob* whereBlob) {
   sql->append("update ").append(table.meta_data->type_name).append(" set ");
-  if (!AppendAssignments(table, set, sql, setBlob)) return false;
+  AppendAssignments(table, set, sql, setBlob);
   if (!AppendFilterClause(table, where, sql, whereBlob)) return false;
   sql->append(";");
   return true;

@@ -83,9 +83,9 @@ std::string InsertStatement(const std::string& prefix,
                             BoundBlob* blob);
 
 // "update <table> set <assignments><filter clause>;" with blob terms of the
-// assignments in `setBlob` and of the clause in `whereBlob`. Assignments
-// must be equal terms (else "op is not equal\n" is logged). False when an
-// assignment or the clause is refused.
+// assignments in `setBlob` and of the clause in `whereBlob`. False when the
+// clause is refused. REQUIRES: every assignment is a usable equal term
+// (Table::update_item checks that before building).
 bool BuildUpdate(const Table& table, const DbFilters& set, const DbFilters& where,
                  std::string* sql, BoundBlob* setBlob, BoundBlob* whereBlob);
 

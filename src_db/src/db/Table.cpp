@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "Log.h"
 #include "Meta.h"
 
 Table::Table(Db* parent, Meta* meta_data, int analyze_name)
@@ -14,5 +15,9 @@ Table::Table(Db* parent, Meta* meta_data, int analyze_name)
 Table::~Table() = default;
 
 std::string Table::toString(std::string prefix) {
+  if (meta_data == nullptr) {
+    DB_LOG(ipc_db::detail::kLogError, "meta_data is null.\n");
+    return std::string();
+  }
   return meta_data->toString(std::move(prefix)) + "\n";
 }

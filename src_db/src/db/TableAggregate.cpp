@@ -7,11 +7,16 @@
 
 #include "DBConn.h"
 #include "Log.h"
+#include "OutOfMemory.h"
 #include "SqliteOwners.h"
+#include "db/CallerChecks.h"
 #include "db/SqlText.h"
 
 using ipc_db::detail::BuildCount;
 using ipc_db::detail::BuildExtremum;
+using ipc_db::detail::CheckColumnTerms;
+using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckTableObjects;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::ScopedExecResult;
@@ -42,6 +47,7 @@ void LogExtremumFailed(bool isMax) {
 
 long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
                       const DbFilters& filters, std::string& out) {
+  if (!CheckTableObjects(table)) return -1;
   CDBConn* conn = table.parent->m_pDBConn;
   if (conn == nullptr) {
     DB_LOG(kLogError, "parent->m_pDBConn is null.");
@@ -51,6 +57,7 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
     LogOneFieldOnly(kind.isMax);
     return -1;
   }
+  if (!CheckColumnTerms(col) || !CheckFilterTerms(filters)) return -1;
   const Member* member = col.filters[0]->member;
   std::string sql;
   if (!BuildExtremum(table, kind.function, member, filters, &sql)) return -1;
@@ -71,30 +78,38 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
 }  // namespace
 
 long long Table::get_item_cnt(DbFilters& filters) {
-  CDBConn* conn = parent->m_pDBConn;
-  if (conn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.");
-    return -1;
-  }
-  std::string sql;
-  if (!BuildCount(*this, filters, &sql)) return -1;
-  ScopedExecResult result(conn);
-  long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
-  DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
-  if (code != 0) {
-    DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
-    return -1;
-  }
-  const char* value = result.FirstValue();
-  return value == nullptr ? 0 : std::stol(value, nullptr, 10);
+  return ipc_db::detail::DbCall("Table::get_item_cnt", -1LL, [&]() -> long long {
+    if (!CheckTableObjects(*this)) return -1;
+    CDBConn* conn = parent->m_pDBConn;
+    if (conn == nullptr) {
+      DB_LOG(kLogError, "parent->m_pDBConn is null.");
+      return -1;
+    }
+    if (!CheckFilterTerms(filters)) return -1;
+    std::string sql;
+    if (!BuildCount(*this, filters, &sql)) return -1;
+    ScopedExecResult result(conn);
+    long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+    DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
+    if (code != 0) {
+      DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
+      return -1;
+    }
+    const char* value = result.FirstValue();
+    return value == nullptr ? 0 : std::stol(value, nullptr, 10);
+  });
 }
 
 long long Table::get_item_max(DbFilters& col, const DbFilters& filters,
                               std::string& out) {
-  return GetExtremum(*this, Extremum{"select max(", true}, col, filters, out);
+  return ipc_db::detail::DbCall("Table::get_item_max", -1LL, [&]() -> long long {
+    return GetExtremum(*this, Extremum{"select max(", true}, col, filters, out);
+  });
 }
 
 long long Table::get_item_min(DbFilters& col, const DbFilters& filters,
                               std::string& out) {
-  return GetExtremum(*this, Extremum{"select min(", false}, col, filters, out);
+  return ipc_db::detail::DbCall("Table::get_item_min", -1LL, [&]() -> long long {
+    return GetExtremum(*this, Extremum{"select min(", false}, col, filters, out);
+  });
 }

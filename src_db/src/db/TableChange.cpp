@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 
+#include "Log.h"
 #include "Meta.h"
 
 TableChange::TableChange(unsigned int count, ...) {
@@ -20,8 +21,16 @@ TableChange::~TableChange() = default;
 std::string TableChange::toString() {
   if (members.empty()) return "No Change\n";
   std::string text = "table changes:";
+  bool nullLogged = false;
   for (size_t i = 0; i < members.size(); ++i) {
-    text += members[i]->toString("  ");
+    // A null entry is left out of the text and reported once.
+    if (members[i] == nullptr) {
+      if (!nullLogged)
+        DB_LOG(ipc_db::detail::kLogError, "TableChange has a null member.\n");
+      nullLogged = true;
+    } else {
+      text += members[i]->toString("  ");
+    }
     if (i + 1 < members.size()) text += "\n";
   }
   return text;

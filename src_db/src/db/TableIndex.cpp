@@ -6,16 +6,27 @@
 
 #include "DBConn.h"
 #include "Log.h"
+#include "OutOfMemory.h"
+#include "db/CallerChecks.h"
 #include "db/MemberDefaults.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::CheckMembers;
+using ipc_db::detail::CheckTableObjects;
 using ipc_db::detail::ColumnName;
 using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kNoIndex;
 
 namespace {
+
+// The row operations' wording for a Table whose Db has no connection.
+bool HasConnection(const Table& table) {
+  if (table.parent->m_pDBConn != nullptr) return true;
+  DB_LOG(kLogError, "parent->m_pDBConn is null.");
+  return false;
+}
 
 // The first member of `meta` that records the index `name`, or null.
 Member* MemberWithIndex(const Meta* meta, const std::string& name) {
@@ -28,45 +39,56 @@ Member* MemberWithIndex(const Meta* meta, const std::string& name) {
 }  // namespace
 
 long long Table::add_index(std::string name, Member* member) {
-  if (member == nullptr) {
-    DB_LOG(kLogError, "member dose not exit!");
-    return -1;
-  }
-  std::string sql = "create index " + name + " on " + meta_data->type_name + "(" +
-                    ColumnName(*this, member) + ")";
-  if (ExecuteText(parent->m_pDBConn, sql, "add_index") != 0) return -1;
-  member->index_name = name;
-  return 0;
+  return ipc_db::detail::DbCall("Table::add_index", -1LL, [&]() -> long long {
+    if (!CheckTableObjects(*this)) return -1;
+    if (member == nullptr) {
+      DB_LOG(kLogError, "member dose not exit!");
+      return -1;
+    }
+    if (!HasConnection(*this)) return -1;
+    std::string sql = "create index " + name + " on " + meta_data->type_name + "(" +
+                      ColumnName(*this, member) + ")";
+    if (ExecuteText(parent->m_pDBConn, sql, "add_index") != 0) return -1;
+    member->index_name = name;
+    return 0;
+  });
 }
 
 long long Table::drop_index(std::string name) {
-  Member* member = MemberWithIndex(meta_data, name);
-  if (member == nullptr) {
-    DB_LOG(kLogError, "index name has not found");
-    return -1;
-  }
-  if (ExecuteText(parent->m_pDBConn, "DROP index " + name + " ;", "drop_index") != 0)
-    return -1;
-  member->index_name = kNoIndex;
-  return 0;
+  return ipc_db::detail::DbCall("Table::drop_index", -1LL, [&]() -> long long {
+    if (!CheckTableObjects(*this) || !CheckMembers(meta_data->members, "meta_data")) {
+      return -1;
+    }
+    Member* member = MemberWithIndex(meta_data, name);
+    if (member == nullptr) {
+      DB_LOG(kLogError, "index name has not found");
+      return -1;
+    }
+    if (!HasConnection(*this)) return -1;
+    if (ExecuteText(parent->m_pDBConn, "DROP index " + name + " ;", "drop_index") != 0)
+      return -1;
+    member->index_name = kNoIndex;
+    return 0;
+  });
 }
 
 long long Table::table_vacuum() {
-  if (parent->m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "parent->m_pDBConn is null.");
-    return -1;
-  }
-  if (ExecuteText(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";", "VACUUM") !=
-      0)
-    return -1;
-  return 0;
+  return ipc_db::detail::DbCall("Table::table_vacuum", -1LL, [&]() -> long long {
+    if (!CheckTableObjects(*this) || !HasConnection(*this)) return -1;
+    if (ExecuteText(parent->m_pDBConn, "VACUUM " + meta_data->type_name + ";",
+                    "VACUUM") != 0)
+      return -1;
+    return 0;
+  });
 }
 
 long long Db::db_vacuum() {
-  if (m_pDBConn == nullptr) {
-    DB_LOG(kLogError, "m_pDBConn is null.");
-    return -1;
-  }
-  if (ExecuteText(m_pDBConn, "VACUUM;", "VACUUM") != 0) return -1;
-  return 0;
+  return ipc_db::detail::DbCall("Db::db_vacuum", -1LL, [&]() -> long long {
+    if (m_pDBConn == nullptr) {
+      DB_LOG(kLogError, "m_pDBConn is null.");
+      return -1;
+    }
+    if (ExecuteText(m_pDBConn, "VACUUM;", "VACUUM") != 0) return -1;
+    return 0;
+  });
 }

@@ -8,11 +8,18 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
+#include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
 using ipc_db::detail::BoundBlob;
+using ipc_db::detail::CheckByteSize;
+using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
+using ipc_db::detail::CheckMembers;
+using ipc_db::detail::CheckOpenHandle;
+using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::InsertPrefix;
 using ipc_db::detail::InsertStatement;
@@ -39,31 +46,39 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
     DB_LOG(kLogError, "members is null\n");
     return false;
   }
+  if (!CheckMembers(table.meta_data->members, "meta_data") ||
+      !CheckColumnTerms(filters)) {
+    return false;
+  }
   if (!filters.filters.empty() &&
       !EveryMemberMatches(SelectedMembers(table, filters), table.meta_data->members)) {
     DB_LOG(kLogError, "filter doesn't match meta_data");
     return false;
   }
-  return true;
+  // The records are read at the members' offsets with the Meta's stride.
+  return CheckRecordLayout(*table.meta_data, "meta_data") &&
+         CheckByteSize(itemcnt, table.meta_data->type_size) && CheckOpenHandle(table);
 }
 
 }  // namespace
 
 long long Table::add_item(void* obj, unsigned long long itemcnt,
                           const DbFilters& filters) {
-  if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
-  bool batch = itemcnt > 1;
-  if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
-  std::vector<Member*> columns = SelectedMembers(*this, filters);
-  std::string prefix = InsertPrefix(*this, columns);
-  sqlite3* db = TableHandle(*this);
-  const char* records = static_cast<const char*>(obj);
-  for (unsigned long long i = 0; i < itemcnt; ++i) {
-    BoundBlob blob;
-    const char* record = records + i * meta_data->type_size;
-    std::string sql = InsertStatement(prefix, columns, record, &blob);
-    if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
-  }
-  if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
-  return 0;
+  return ipc_db::detail::DbCall("Table::add_item", -1LL, [&]() -> long long {
+    if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
+    bool batch = itemcnt > 1;
+    if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
+    std::vector<Member*> columns = SelectedMembers(*this, filters);
+    std::string prefix = InsertPrefix(*this, columns);
+    sqlite3* db = TableHandle(*this);
+    const char* records = static_cast<const char*>(obj);
+    for (unsigned long long i = 0; i < itemcnt; ++i) {
+      BoundBlob blob;
+      const char* record = records + i * meta_data->type_size;
+      std::string sql = InsertStatement(prefix, columns, record, &blob);
+      if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
+    }
+    if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
+    return 0;
+  });
 }

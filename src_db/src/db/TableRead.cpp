@@ -8,10 +8,18 @@
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
+#include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::CheckByteSize;
+using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
+using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckMembers;
+using ipc_db::detail::CheckOpenHandle;
+using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::ColumnKind;
 using ipc_db::detail::CopyColumn;
 using ipc_db::detail::KindOf;
@@ -42,26 +50,44 @@ std::vector<ColumnTarget> PlanTargets(const std::vector<Member*>& members, bool 
   return targets;
 }
 
+// The table's members, both lists and, for whole records, the record layout
+// and the byte size of `itemcnt` records are usable, and the handle is open.
+bool CheckReadArguments(const Table& table, const DbFilters& cols,
+                        const DbFilters& filters, unsigned long long itemcnt) {
+  if (!CheckMembers(table.meta_data->members, "meta_data") || !CheckColumnTerms(cols) ||
+      !CheckFilterTerms(filters)) {
+    return false;
+  }
+  if (cols.filters.empty() && (!CheckRecordLayout(*table.meta_data, "meta_data") ||
+                               !CheckByteSize(itemcnt, table.meta_data->type_size))) {
+    return false;
+  }
+  return CheckOpenHandle(table);
+}
+
 }  // namespace
 
 long long Table::get_item(DbFilters& cols, DbFilters& filters,
                           unsigned long long& itemcnt, void* obj) {
-  if (!CheckConnection(*this)) return -1;
-  if (obj == nullptr) {
-    DB_LOG(kLogError, "vecOutRows is null.\n");
-    return -1;
-  }
-  bool packed = !cols.filters.empty();
-  std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
-  char* records = static_cast<char*>(obj);
-  size_t stride = packed ? 0 : meta_data->type_size;
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long row) {
-                     char* base = records + row * stride;
-                     for (size_t i = 0; i < targets.size(); ++i) {
-                       const ColumnTarget& target = targets[i];
-                       CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
-                                  base + target.offset);
-                     }
-                   });
+  return ipc_db::detail::DbCall("Table::get_item", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (obj == nullptr) {
+      DB_LOG(kLogError, "vecOutRows is null.\n");
+      return -1;
+    }
+    if (!CheckReadArguments(*this, cols, filters, itemcnt)) return -1;
+    bool packed = !cols.filters.empty();
+    std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
+    char* records = static_cast<char*>(obj);
+    size_t stride = packed ? 0 : meta_data->type_size;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long row) {
+                       char* base = records + row * stride;
+                       for (size_t i = 0; i < targets.size(); ++i) {
+                         const ColumnTarget& target = targets[i];
+                         CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
+                                    base + target.offset);
+                       }
+                     });
+  });
 }

@@ -6,15 +6,26 @@
 // the row loop and the value copy are those of get_item.
 #include <cstring>
 #include <list>
+#include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "DBConn.h"
+#include "OutOfMemory.h"
+#include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::CheckByteSize;
+using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
+using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckMembers;
+using ipc_db::detail::CheckMemberType;
+using ipc_db::detail::CheckOpenHandle;
+using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::CopyColumn;
 using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::KindOf;
@@ -24,9 +35,14 @@ using ipc_db::detail::SelectedMembers;
 
 namespace {
 
-// Checks the layout against the selected columns, logging a mismatch.
+// Checks the layout against the selected columns, logging a mismatch. The
+// table's members and the selection are checked for null entries first, as
+// the match reads them.
 bool CheckLayoutMatch(const Table& table, const DbFilters& cols,
                       const std::vector<Member*>& layout) {
+  if (!CheckMembers(table.meta_data->members, "meta_data") || !CheckColumnTerms(cols)) {
+    return false;
+  }
   if (EveryMemberMatches(layout, SelectedMembers(table, cols))) return true;
   if (cols.filters.empty()) {
     DB_LOG(kLogError, "userMeta_data doesn't match meta_data");
@@ -47,6 +63,12 @@ bool CheckUserMeta(const Table& table, const DbFilters& cols, const Meta* userMe
   }
   if (userMeta->members.empty()) {
     DB_LOG(kLogError, "userMeta_data->members.size() is zero.");
+    return false;
+  }
+  // Every row is written at the layout's offsets, so every member must lie
+  // inside one record of the layout.
+  if (!CheckMembers(userMeta->members, "userMeta_data") ||
+      !CheckRecordLayout(*userMeta, "userMeta_data")) {
     return false;
   }
   return CheckLayoutMatch(table, cols, userMeta->members);
@@ -85,16 +107,22 @@ void CopyIntoLayout(Db* db, sqlite3_stmt* stmt, const std::vector<Member*>& matc
 }
 
 // A zero-filled per-row work area: on the stack up to 4 KiB, on the heap
-// above that.
+// above that. A heap area that cannot be had leaves the record unusable
+// (Usable() logs it) instead of throwing out of the public call.
 class ScratchRecord {
  public:
   explicit ScratchRecord(size_t size) : size_(size) {
-    if (size_ > sizeof(stack_)) heap_.resize(size_);
-    data_ = size_ > sizeof(stack_) ? heap_.data() : stack_;
+    if (size_ > sizeof(stack_)) heap_.reset(new (std::nothrow) char[size_]);
+    data_ = size_ > sizeof(stack_) ? heap_.get() : stack_;
   }
   ScratchRecord(const ScratchRecord&) = delete;
   ScratchRecord& operator=(const ScratchRecord&) = delete;
 
+  bool Usable() const {
+    if (data_ != nullptr) return true;
+    DB_LOG(kLogError, "alloc scratch record fail.\n");
+    return false;
+  }
   char* Clear() {
     memset_s(data_, size_, 0, size_);
     return data_;
@@ -106,7 +134,7 @@ class ScratchRecord {
 
  private:
   char stack_[4096];
-  std::vector<char> heap_;
+  std::unique_ptr<char[]> heap_;
   char* data_;
   size_t size_;
 };
@@ -116,8 +144,10 @@ template <typename Append>
 long long ReadTexts(Table& table, DbFilters& cols, DbFilters& filters,
                     unsigned long long& itemcnt, Meta* userMeta, Append&& append) {
   if (!CheckConnection(table) || !CheckUserMeta(table, cols, userMeta)) return -1;
+  if (!CheckFilterTerms(filters) || !CheckOpenHandle(table)) return -1;
   std::vector<Member*> matches = MatchColumns(table, cols, userMeta);
   ScratchRecord scratch(userMeta->type_size);
+  if (!scratch.Usable()) return -1;
   return RunSelect(table, cols, filters, itemcnt,
                    [&](sqlite3_stmt* stmt, unsigned long long) {
                      CopyIntoLayout(table.parent, stmt, matches, scratch.Clear());
@@ -138,62 +168,80 @@ int FindColumn(const Table& table, const DbFilters& cols, const Member* member) 
 
 long long Table::get_item_z(DbFilters& cols, DbFilters& filters,
                             unsigned long long& itemcnt, void* obj, Meta* userMeta) {
-  if (!CheckConnection(*this)) return -1;
-  if (obj == nullptr) {
-    DB_LOG(kLogError, "vecOutRows is null.\n");
-    return -1;
-  }
-  if (!CheckUserMeta(*this, cols, userMeta)) return -1;
-  std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
-  char* records = static_cast<char*>(obj);
-  size_t stride = userMeta->type_size;
-  return RunSelect(*this, cols, filters, itemcnt,
-                   [&](sqlite3_stmt* stmt, unsigned long long row) {
-                     CopyIntoLayout(parent, stmt, matches, records + row * stride);
-                   });
+  return ipc_db::detail::DbCall("Table::get_item_z", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (obj == nullptr) {
+      DB_LOG(kLogError, "vecOutRows is null.\n");
+      return -1;
+    }
+    if (!CheckUserMeta(*this, cols, userMeta)) return -1;
+    if (!CheckFilterTerms(filters) || !CheckByteSize(itemcnt, userMeta->type_size) ||
+        !CheckOpenHandle(*this)) {
+      return -1;
+    }
+    std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
+    char* records = static_cast<char*>(obj);
+    size_t stride = userMeta->type_size;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long row) {
+                       CopyIntoLayout(parent, stmt, matches, records + row * stride);
+                     });
+  });
 }
 
 long long Table::get_item_lz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::list<std::string>& out,
                              Meta* userMeta) {
-  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                   [&](std::string&& text) { out.push_back(std::move(text)); });
+  return ipc_db::detail::DbCall("Table::get_item_lz", -1LL, [&]() -> long long {
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                     [&](std::string&& text) { out.push_back(std::move(text)); });
+  });
 }
 
 long long Table::get_item_vz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::vector<std::string>& out,
                              Meta* userMeta) {
-  return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                   [&](std::string&& text) { out.push_back(std::move(text)); });
+  return ipc_db::detail::DbCall("Table::get_item_vz", -1LL, [&]() -> long long {
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
+                     [&](std::string&& text) { out.push_back(std::move(text)); });
+  });
 }
 
 long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::set<std::string>& out,
                              Member* userMember) {
-  if (!CheckConnection(*this)) return -1;
-  if (userMember == nullptr) {
-    DB_LOG(kLogError, "userMember_data is null.");
-    return -1;
-  }
-  size_t width = userMember->type_meta->type_size;
-  if (width == 0) {
-    DB_LOG(kLogError, "userMeta_data size is null.");
-    return -1;
-  }
-  if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
-  int column = FindColumn(*this, cols, userMember);
-  // Whole-table reads place the value at the member's offset; the scratch
-  // area is made large enough that this stays inside it even when the
-  // offset is not 0 (the text is then read from the area's start).
-  size_t offset = cols.filters.empty() ? userMember->offset : 0;
-  ScratchRecord scratch(offset + width);
-  return RunSelect(
-      *this, cols, filters, itemcnt, [&](sqlite3_stmt* stmt, unsigned long long) {
-        char* buffer = scratch.Clear();
-        if (column >= 0) {
-          parent->preProcMember(userMember);
-          CopyColumn(stmt, column, KindOf(userMember), width, buffer + offset);
-        }
-        out.insert(scratch.Text(width));
-      });
+  return ipc_db::detail::DbCall("Table::get_item_sz", -1LL, [&]() -> long long {
+    if (!CheckConnection(*this)) return -1;
+    if (userMember == nullptr) {
+      DB_LOG(kLogError, "userMember_data is null.");
+      return -1;
+    }
+    if (!CheckMemberType(*userMember)) return -1;
+    size_t width = userMember->type_meta->type_size;
+    if (width == 0) {
+      DB_LOG(kLogError, "userMeta_data size is null.");
+      return -1;
+    }
+    if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
+    if (!CheckFilterTerms(filters) || !CheckOpenHandle(*this)) return -1;
+    int column = FindColumn(*this, cols, userMember);
+    // Whole-table reads place the value at the member's offset and the text is
+    // read from the start of the zeroed area: with an offset other than 0 the
+    // value never reaches the text read, which is then always empty. So the
+    // value is copied only for offset 0, and the area is one field wide
+    // whatever the offset (an offset near 4 GiB must not size it).
+    bool lands = !cols.filters.empty() || userMember->offset == 0;
+    ScratchRecord scratch(width);
+    if (!scratch.Usable()) return -1;
+    return RunSelect(*this, cols, filters, itemcnt,
+                     [&](sqlite3_stmt* stmt, unsigned long long) {
+                       char* buffer = scratch.Clear();
+                       if (column >= 0) {
+                         parent->preProcMember(userMember);
+                         if (lands)
+                           CopyColumn(stmt, column, KindOf(userMember), width, buffer);
+                       }
+                       out.insert(scratch.Text(width));
+                     });
+  });
 }
