@@ -5,14 +5,20 @@
 // a connection of the test's own), that no maintenance request was queued
 // and that a correct call afterwards succeeds.
 //
-// Case                                              today                   now
-//  1 ExecuteSQL(null, no result, sync)              0, "(null)" logged      -204,
-//  "RECORD: sql is null" 2 ExecuteSQL(null, result, sync)                 0, empty result
-//  -204, "RECORD: sql is null" 3 GetCountOfSQLResult(null)                      0,
-//  "(null)" logged      0, "RECORD: sql is null" 4 WhetherTableExist(null) 0, asks for
-//  "(null)"    0, "RECORD: table is null" 5 GetRowCount(null) 0, two error entries    0,
-//  "RECORD: table is null" 6 ReEncryptDB(null key) on a keyed database      crash -209,
-//  "RECORD: szEncryptKey is null"
+// Case                                            today
+//      -> now
+//  1 ExecuteSQL(null, no result, sync)            0, "(null)" logged
+//      -> -204, "RECORD: sql is null"
+//  2 ExecuteSQL(null, result, sync)               0, empty result
+//      -> -204, "RECORD: sql is null"
+//  3 GetCountOfSQLResult(null)                    0, "(null)" logged
+//      -> 0, "RECORD: sql is null"
+//  4 WhetherTableExist(null)                      0, asks for "(null)"
+//      -> 0, "RECORD: table is null"
+//  5 GetRowCount(null)                            0, two error entries
+//      -> 0, "RECORD: table is null"
+//  6 ReEncryptDB(null key) on a keyed database    crash
+//      -> -209, "RECORD: szEncryptKey is null"
 //
 // Left alone, with the reason:
 // - ExecuteSQL(null, ..., async): the bounded copy refuses it (22, "RECORD:

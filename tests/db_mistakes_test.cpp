@@ -6,21 +6,33 @@
 // the result, the one error entry, the tables of the file (read through a
 // connection of the test's own) and that a correct call afterwards succeeds.
 //
-// Case                                             today     now
-//  1 createTable before Init                       crash     null, "Db::createTable
-//  m_pDBConn is null.\n" 2 createTable after UnInit                      crash     the
-//  same 3 destroyTable before Init                      crash     -1, "Db::destroyTable
-//  m_pDBConn is null.\n" 4 updateTable before Init                       crash     -1,
-//  "Db::updateTable m_pDBConn is null.\n" 5 createTable: Meta with a null member crash
-//  null, "meta_data has a null member.\n" 6 createTable: member without type_meta crash
-//  null, "type_meta of member iAge is null.\n" 7 updateTable: empty TableChange SQL error
-//  -1, "TableChange is empty.\n" (no statement) 8 updateTable: TableChange with a null
-//  member   crash     -1, "TableChange has a null member.\n" 9 updateTable: member
-//  without type_meta         crash     -1, "type_meta of member iExtra is null.\n"
-// 10 TableChange::toString with a null member      crash     the other members' text, one
-// error entry 11 getType: member without type_meta             crash     "unknown_type",
-// "type_meta of member iAge is null.\n" 12 preProcMember: member without type_meta crash
-// flags read, type left, the same entry
+// Case                                            today
+//      -> now
+//  1 createTable before Init                      crash
+//      -> null, "Db::createTable m_pDBConn is null.\n"
+//  2 createTable after UnInit                     crash
+//      -> the same
+//  3 destroyTable before Init                     crash
+//      -> -1, "Db::destroyTable m_pDBConn is null.\n"
+//  4 updateTable before Init                      crash
+//      -> -1, "Db::updateTable m_pDBConn is null.\n"
+//  5 createTable: Meta with a null member         crash
+//      -> null, "meta_data has a null member.\n"
+//  6 createTable: member without type_meta        crash
+//      -> null, "type_meta of member iAge is null.\n"
+//  7 updateTable: empty TableChange               SQL error
+//      -> -1, "TableChange is empty.\n" (no statement)
+//  8 updateTable: TableChange with a null member  crash
+//      -> -1, "TableChange has a null member.\n"
+//  9 updateTable: member without type_meta        crash
+//      -> -1, "type_meta of member iExtra is null.\n"
+// 10 TableChange::toString with a null member     crash
+//      -> the other members' text, one error entry
+// 11 getType: member without type_meta            crash
+//      -> "unknown_type",
+//         "type_meta of member iAge is null.\n"
+// 12 preProcMember: member without type_meta      crash
+//      -> flags read, type left, the same entry
 //
 // Left alone, with the reason:
 // - Init with a null key, a kind other than 0, a second Init without UnInit

@@ -5,15 +5,22 @@
 // table_mistakes_test.cpp). Each case was tried on the unchanged library
 // under AddressSanitizer ("today").
 //
-// Case                                                  today         now
-//  1 column operator (0-5, 7, 8, 11-13) without member  crash         "", "filter member
-//  is null.\n" 2 the same through op2StrAnalyze                     crash         the
-//  same 3 text member without type_meta                      crash         "", "type_meta
-//  of member tNote is null.\n" 4 comparison or like on a text member, value null    "col
-//  = ''"    "", "filter value is null.\n" 5 between on a text member, second value null
-//  "... and ''"  "", "filter value is null.\n" 6 in-list with a null array and a count
-//  above 0     crash         "", "filter value is null.\n" 7 DbFilters::toString with a
-//  term without member     crash         that term empty, one entry
+// Case                                                   today
+//      -> now
+//  1 column operator (0-5, 7, 8, 11-13) without member   crash
+//      -> "", "filter member is null.\n"
+//  2 the same through op2StrAnalyze                      crash
+//      -> the same
+//  3 text member without type_meta                       crash
+//      -> "", "type_meta of member tNote is null.\n"
+//  4 comparison or like on a text member, value null     "col = ''"
+//      -> "", "filter value is null.\n"
+//  5 between on a text member, second value null         "... and ''"
+//      -> "", "filter value is null.\n"
+//  6 in-list with a null array and a count above 0       crash
+//      -> "", "filter value is null.\n"
+//  7 DbFilters::toString with a term without member      crash
+//      -> that term empty, one entry
 //
 // Left alone, with the reason:
 // - DbFilters(count, ...) and TableChange(count, ...) with fewer arguments

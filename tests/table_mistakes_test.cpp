@@ -5,66 +5,108 @@
 // (read through a connection of the test's own), the guard bytes around the
 // caller's buffers and that a correct call afterwards succeeds.
 //
-// Case                                           today               now
-//  1 Table without Db (all 15 operations)        crash               -1 "parent is
-//  null.\n" 2 Table without Meta (all 15 operations)      crash               -1
-//  "meta_data is null.\n" 3 raw-handle operations on a closed Db        crash (null
-//  handle) -1 "parent->m_pDBConn->m_pSqliteDB is null.\n"
+// Case                                            today
+//      -> now
+//  1 Table without Db (all 15 operations)         crash
+//      -> -1, "parent is null.\n"
+//  2 Table without Meta (all 15 operations)       crash
+//      -> -1, "meta_data is null.\n"
+//  3 raw-handle operations on a closed Db         crash (null handle)
 //    (add_item, get_item, get_item_z/lz/vz/sz, update_item with a blob)
-//  4 add_index after UnInit                      crash               -1
-//  "parent->m_pDBConn is null." 5 drop_index after UnInit                     crash -1
-//  "parent->m_pDBConn is null." 6 add_item: Meta with a null member           crash -1
-//  "meta_data has a null member.\n" 7 add_item: member without type_meta          crash
-//  -1 "type_meta of member iAge is null.\n" 8 add_item: record size 0 reads past obj -1
-//  "meta_data size is null.\n" 9 add_item: member beyond the record size     reads past
-//  obj      -1 "member bData lies outside meta_data.\n"
-// 10 add_item: count * size wraps (word size)    reads past obj      -1 "itemcnt values
-// is too large.\n" 11 add_item: null term in the column list      crash               -1
-// "filters has a null filter.\n" 12 add_item: column term without member        crash -1
-// "filter member is null.\n" 13 update_item: null term in set               crash -1
-// "filters has a null filter.\n" 14 update_item: set term without member        crash -1
-// "filter member is null.\n" 15 update_item: set text value null            blanks every
-// name   -1 "filter value is null.\n" 16 update_item: set blob value null nulls every
-// blob    -1 "filter value is null.\n" 17 update_item: null term in where crash -1
-// "filters has a null filter.\n" 18 update_item: where text value null          changes
-// rows with '' -1 "filter value is null.\n" 19 update_item: where term without member
-// crash               -1 "filter member is null.\n" 20 rmv_item: null array of lists
-// crash               -1 "filters is null.\n" 21 rmv_item: null term in a list crash -1
-// "filters has a null filter.\n" 22 rmv_item: text value null                   deletes
-// rows with '' -1 "filter value is null.\n" 23 rmv_item: term without member crash -1
-// "filter member is null.\n" 24 rmv_item: in-list with a null array         crash -1
-// "filter value is null.\n" 25 rmv_item: between with a null second value  deletes by ''
-// -1 "filter value is null.\n" 26 rmv_item: like with a null pattern          deletes by
-// ''       -1 "filter value is null.\n" 27 rmv_item: a wrong list after a good one first
-// list deleted  -1, nothing deleted 28 rmv_item: count * sizeof(DbFilters) wraps   reads
-// past array    -1 "itemcnt values is too large.\n" 29 get_item: null term in cols crash
-// -1 "filters has a null filter.\n" 30 get_item: null term in filters              crash
-// -1 "filters has a null filter.\n" 31 get_item: text filter value null            reads
-// by ''         -1 "filter value is null.\n" 32 get_item: member beyond the record size
-// writes past obj     -1 "member bData lies outside meta_data.\n" 33 get_item: record
-// size 0                     writes past obj     -1 "meta_data size is null.\n" 34
-// get_item: table member without type_meta    crash               -1 "type_meta of member
-// iAge is null.\n" 35 get_item: count * size wraps (word size)    accepted            -1
-// "itemcnt values is too large.\n" 36 get_item_z: layout member without type_meta crash
-// -1 "type_meta of member iAge is null.\n" 37 get_item_z: layout with a null member crash
-// -1 "userMeta_data has a null member.\n" 38 get_item_z: layout member beyond its size
-// writes past obj     -1 "member iAge lies outside userMeta_data.\n" 39 get_item_z: count
-// * size wraps (word size)  accepted            -1 "itemcnt values is too large.\n" 40
-// get_item_lz: layout member beyond its size  heap overflow       -1 "member tNote lies
-// outside userMeta_data.\n" 41 get_item_vz: layout member beyond its size  heap overflow
-// -1 "member cName lies outside userMeta_data.\n" 42 get_item_sz: member without
-// type_meta       crash               -1 "type_meta of member cName is null.\n" 43
-// get_item_sz: offset near 4 GiB (word size)  32-bit: wild write; 64-bit: 4 GiB scratch
-//                                                                    0 and empty texts,
-//                                                                    as for any offset
-//                                                                    but 0
-// 44 get_item_cnt: null term in filters          crash               -1 "filters has a
-// null filter.\n" 45 get_item_cnt: term without member           crash               -1
-// "filter member is null.\n" 46 get_item_max: null term in col              crash -1
-// "filters has a null filter.\n" 47 get_item_max: col term without member       crash -1
-// "filter member is null.\n" 48 get_item_min: text filter value null        reads by ''
-// -1 "filter value is null.\n" 49 toString of a Table without Meta            crash ""
-// and "meta_data is null.\n"
+//      -> -1, "parent->m_pDBConn->m_pSqliteDB is null.\n"
+//  4 add_index after UnInit                       crash
+//      -> -1, "parent->m_pDBConn is null."
+//  5 drop_index after UnInit                      crash
+//      -> -1, "parent->m_pDBConn is null."
+//  6 add_item: Meta with a null member            crash
+//      -> -1, "meta_data has a null member.\n"
+//  7 add_item: member without type_meta           crash
+//      -> -1, "type_meta of member iAge is null.\n"
+//  8 add_item: record size 0                      reads past obj
+//      -> -1, "meta_data size is null.\n"
+//  9 add_item: member beyond the record size      reads past obj
+//      -> -1, "member bData lies outside meta_data.\n"
+// 10 add_item: count * size wraps (word size)     reads past obj
+//      -> -1, "itemcnt values is too large.\n"
+// 11 add_item: null term in the column list       crash
+//      -> -1, "filters has a null filter.\n"
+// 12 add_item: column term without member         crash
+//      -> -1, "filter member is null.\n"
+// 13 update_item: null term in set                crash
+//      -> -1, "filters has a null filter.\n"
+// 14 update_item: set term without member         crash
+//      -> -1, "filter member is null.\n"
+// 15 update_item: set text value null             blanks every name
+//      -> -1, "filter value is null.\n"
+// 16 update_item: set blob value null             nulls every blob
+//      -> -1, "filter value is null.\n"
+// 17 update_item: null term in where              crash
+//      -> -1, "filters has a null filter.\n"
+// 18 update_item: where text value null           changes rows with ''
+//      -> -1, "filter value is null.\n"
+// 19 update_item: where term without member       crash
+//      -> -1, "filter member is null.\n"
+// 20 rmv_item: null array of lists                crash
+//      -> -1, "filters is null.\n"
+// 21 rmv_item: null term in a list                crash
+//      -> -1, "filters has a null filter.\n"
+// 22 rmv_item: text value null                    deletes rows with ''
+//      -> -1, "filter value is null.\n"
+// 23 rmv_item: term without member                crash
+//      -> -1, "filter member is null.\n"
+// 24 rmv_item: in-list with a null array          crash
+//      -> -1, "filter value is null.\n"
+// 25 rmv_item: between with a null second value   deletes by ''
+//      -> -1, "filter value is null.\n"
+// 26 rmv_item: like with a null pattern           deletes by ''
+//      -> -1, "filter value is null.\n"
+// 27 rmv_item: a wrong list after a good one      first list deleted
+//      -> -1, nothing deleted
+// 28 rmv_item: count * sizeof(DbFilters) wraps    reads past array
+//      -> -1, "itemcnt values is too large.\n"
+// 29 get_item: null term in cols                  crash
+//      -> -1, "filters has a null filter.\n"
+// 30 get_item: null term in filters               crash
+//      -> -1, "filters has a null filter.\n"
+// 31 get_item: text filter value null             reads by ''
+//      -> -1, "filter value is null.\n"
+// 32 get_item: member beyond the record size      writes past obj
+//      -> -1, "member bData lies outside meta_data.\n"
+// 33 get_item: record size 0                      writes past obj
+//      -> -1, "meta_data size is null.\n"
+// 34 get_item: table member without type_meta     crash
+//      -> -1, "type_meta of member iAge is null.\n"
+// 35 get_item: count * size wraps (word size)     accepted
+//      -> -1, "itemcnt values is too large.\n"
+// 36 get_item_z: layout member without type_meta  crash
+//      -> -1, "type_meta of member iAge is null.\n"
+// 37 get_item_z: layout with a null member        crash
+//      -> -1, "userMeta_data has a null member.\n"
+// 38 get_item_z: layout member beyond its size    writes past obj
+//      -> -1, "member iAge lies outside userMeta_data.\n"
+// 39 get_item_z: count * size wraps (word size)   accepted
+//      -> -1, "itemcnt values is too large.\n"
+// 40 get_item_lz: layout member beyond its size   heap overflow
+//      -> -1, "member tNote lies outside userMeta_data.\n"
+// 41 get_item_vz: layout member beyond its size   heap overflow
+//      -> -1, "member cName lies outside userMeta_data.\n"
+// 42 get_item_sz: member without type_meta        crash
+//      -> -1, "type_meta of member cName is null.\n"
+// 43 get_item_sz: offset near 4 GiB (word size)
+//         today: 32-bit: wild write; 64-bit: 4 GiB scratch
+//      -> 0 and empty texts, as for any offset but 0
+// 44 get_item_cnt: null term in filters           crash
+//      -> -1, "filters has a null filter.\n"
+// 45 get_item_cnt: term without member            crash
+//      -> -1, "filter member is null.\n"
+// 46 get_item_max: null term in col               crash
+//      -> -1, "filters has a null filter.\n"
+// 47 get_item_max: col term without member        crash
+//      -> -1, "filter member is null.\n"
+// 48 get_item_min: text filter value null         reads by ''
+//      -> -1, "filter value is null.\n"
+// 49 toString of a Table without Meta             crash
+//      -> "" and "meta_data is null.\n"
 //
 // Left alone, with the reason:
 // - itemcnt (add_item, get_item) or an in-list count larger than the
