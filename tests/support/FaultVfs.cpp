@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -71,6 +72,20 @@ struct State {
 State& TheState() {
   static State* state = new State;  // never destroyed: children _exit
   return *state;
+}
+
+// With IPC_DB_FAULT_TRACE set, every durable operation and every choice
+// of a power cut is printed to stderr (for replaying one point).
+bool Tracing() {
+  static const bool tracing = std::getenv("IPC_DB_FAULT_TRACE") != nullptr;
+  return tracing;
+}
+
+void Trace(const char* what, const std::string& path, long long offset, long long size) {
+  if (!Tracing()) return;
+  size_t slash = path.rfind('/');
+  std::fprintf(stderr, "fault vfs: %s %s at %lld, %lld bytes\n", what,
+               path.c_str() + (slash == std::string::npos ? 0 : slash + 1), offset, size);
 }
 
 struct Handle {
@@ -144,12 +159,20 @@ std::string Survivor(const Inode& inode, std::mt19937* random, int sectorSize) {
   std::string image = inode.synced;
   for (const Inode::Change& change : inode.changes) {
     unsigned roll = (*random)() % 4;
+    const char* fate = "lost";
     if (change.truncate) {
       if (roll < 2) Apply(&image, change);
+      fate = roll < 2 ? "truncation kept" : "truncation lost";
     } else if (change.bytes.empty() || roll < 2) {
       Apply(&image, change);
+      fate = "kept";
     } else if (roll == 3) {
       ApplyTorn(&image, change, random, sectorSize);
+      fate = "torn";
+    }
+    if (Tracing()) {
+      std::fprintf(stderr, "fault vfs: cut: change at %lld, %zu bytes: %s\n", change.offset,
+                   change.bytes.size(), fate);
     }
   }
   return image;
@@ -172,6 +195,13 @@ void WriteWhole(const std::string& path, const std::string& bytes) {
   for (auto& [path, entry] : state.entries) {
     std::shared_ptr<Inode> survivor = entry.current;
     if (entry.current != entry.durable && random() % 2 == 0) survivor = entry.durable;
+    if (Tracing()) {
+      std::fprintf(stderr, "fault vfs: cut: %s: %s%s\n", path.c_str(),
+                   survivor == nullptr ? "no file" : "file",
+                   entry.current == entry.durable ? ""
+                   : survivor == entry.durable ? " (old directory entry)"
+                                               : " (new directory entry)");
+    }
     if (survivor == nullptr) {
       unlink(path.c_str());
     } else {
@@ -281,6 +311,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
   InodeOf(state, handle->path)
       ->changes.push_back(Inode::Change{
           false, offset, std::string(static_cast<const char*>(buffer), amount)});
+  Trace("write", handle->path, offset, amount);
   NoteSize(state, handle);
   state.peakBytes = std::max(state.peakBytes, TotalSize(state));
   DurableOpDone(state);
@@ -297,6 +328,7 @@ int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
   int rc = handle->real->pMethods->xTruncate(handle->real, size);
   if (rc != SQLITE_OK) return rc;
   InodeOf(state, handle->path)->changes.push_back(Inode::Change{true, size, {}});
+  Trace("truncate", handle->path, size, 0);
   NoteSize(state, handle);
   DurableOpDone(state);
   return rc;
@@ -316,6 +348,8 @@ int FaultSync(sqlite3_file* file, int flags) {
   std::shared_ptr<Inode> inode = InodeOf(state, handle->path);
   for (const Inode::Change& change : inode->changes) Apply(&inode->synced, change);
   inode->changes.clear();
+  Trace(handle->dirSyncPending ? "sync (and directory)" : "sync", handle->path, 0,
+        static_cast<long long>(inode->synced.size()));
   if (handle->dirSyncPending) {
     SyncDirectory(state, DirOf(handle->path));
     handle->dirSyncPending = false;
@@ -453,6 +487,7 @@ int FaultDelete(sqlite3_vfs*, const char* name, int dirSync) {
   found->second.current = nullptr;
   state.sizes.erase(name);
   if (dirSync) SyncDirectory(state, DirOf(name));
+  Trace(dirSync ? "delete (and directory)" : "delete", name, 0, 0);
   DurableOpDone(state);
   return rc;
 }
