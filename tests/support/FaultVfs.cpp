@@ -291,6 +291,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
   if (!handle->tracked) {
     return handle->real->pMethods->xWrite(handle->real, buffer, amount, offset);
   }
+  FaultAllocPause pause;  // the record below is the disk's, not the library's
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kWrite);
@@ -321,6 +322,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
 int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
   Handle* handle = reinterpret_cast<Handle*>(file);
   if (!handle->tracked) return handle->real->pMethods->xTruncate(handle->real, size);
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kTruncate);
@@ -337,6 +339,7 @@ int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
 int FaultSync(sqlite3_file* file, int flags) {
   Handle* handle = reinterpret_cast<Handle*>(file);
   if (!handle->tracked) return handle->real->pMethods->xSync(handle->real, flags);
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kSync);
@@ -461,9 +464,12 @@ int FaultOpen(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags,
     lock.lock();
     int code = Enter(state, FaultOp::kOpen);
     if (code != SQLITE_OK) return code;
+    FaultAllocPause pause;
     InodeOf(state, name);  // an existing file is recorded before SQLite changes it
   }
+  // The unix VFS's own allocations here are SQLite's: they count and fail.
   int rc = RealVfs()->xOpen(RealVfs(), name, handle->real, flags, outFlags);
+  FaultAllocPause pause;
   if (rc != SQLITE_OK) {
     if (handle->tracked && access(name, F_OK) != 0) state.entries[name].current = nullptr;
     return rc;
@@ -474,6 +480,7 @@ int FaultOpen(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags,
 }
 
 int FaultDelete(sqlite3_vfs*, const char* name, int dirSync) {
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   auto found = state.entries.find(name);
@@ -568,6 +575,8 @@ struct AllocState {
 AllocState g_alloc;
 
 AllocState& TheAlloc() { return g_alloc; }
+
+thread_local int t_allocPauses = 0;
 
 void* AllocMalloc(int size) {
   if (FaultAlloc::TakeAllocation()) return nullptr;
@@ -715,6 +724,7 @@ void FaultAlloc::FailNth(unsigned long long n, bool persistent) {
 }
 
 bool FaultAlloc::TakeAllocation() {
+  if (t_allocPauses > 0) return false;
   AllocState& state = TheAlloc();
   unsigned long long index = ++state.allocations;
   unsigned long long failAt = state.failAt;
@@ -724,6 +734,9 @@ bool FaultAlloc::TakeAllocation() {
   }
   return false;
 }
+
+FaultAllocPause::FaultAllocPause() { ++t_allocPauses; }
+FaultAllocPause::~FaultAllocPause() { --t_allocPauses; }
 
 unsigned long long FaultAlloc::Allocations() { return TheAlloc().allocations; }
 unsigned long long FaultAlloc::Failed() { return TheAlloc().failed; }

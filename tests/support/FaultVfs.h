@@ -129,6 +129,19 @@ class FaultAlloc {
   static void ResetCounts();
 };
 
+// While one lives, allocations on its thread are neither counted nor
+// failed: the harness's own bookkeeping (the fault VFS's record of writes
+// for the power model, the log key guard's copy of each entry) stands for
+// the disk and the platform, not for the library, and must not throw
+// through SQLite's frames.
+class FaultAllocPause {
+ public:
+  FaultAllocPause();
+  ~FaultAllocPause();
+  FaultAllocPause(const FaultAllocPause&) = delete;
+  FaultAllocPause& operator=(const FaultAllocPause&) = delete;
+};
+
 // ---- Plans ----
 // The campaign seed: IPC_DB_FAULT_SEED when set, else drawn from the clock.
 uint32_t FaultSeed();
