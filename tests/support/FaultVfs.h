@@ -29,7 +29,14 @@
 //     bytes. Bytes outside a write's own range are never changed
 //     (SQLite assumes powersafe overwrite). The sector size is 512 or 4096
 //     as the plan says.
-// Every choice comes from the seed the plan gives, so a cut replays.
+// Each unsynced change is kept or lost on its own, so a lost truncation can
+// be followed by a kept write into the range it would have freed: a
+// journaling filesystem (ext4, f2fs, ubifs) commits the truncation before
+// it reuses the freed blocks and never shows that, FAT on an SD card can.
+// The model keeps it as the worse case; it is what corrupts TRUNCATE under
+// NORMAL (docs/reliability.md).
+// Every choice comes from the seed the plan gives, so a cut replays; with
+// IPC_DB_FAULT_TRACE set, the operations and the cut's choices are printed.
 //
 // Only one process-wide instance exists; its state is guarded by a mutex.
 // Plans are meant for a forked child: the parent installs the VFS, forks,
