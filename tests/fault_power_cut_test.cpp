@@ -16,7 +16,9 @@
 // seeded subset of the later changes, in order: a truncation happens or
 // not; a write is kept, lost or torn (whole sectors up to a chosen one, a
 // prefix of that sector, then old bytes or garbage; nothing outside the
-// write's own range changes; sectors of 512 or 4096 bytes). A file
+// write's own range changes; sectors of 512 or 4096 bytes); a sector a
+// write lands in holds every earlier write to it, as the page cache it is
+// written from did. A file
 // created or deleted since the last sync of its directory keeps its old
 // or its new directory entry: SQLite syncs the directory at the first
 // sync of a journal or WAL file it created, and after deleting a journal

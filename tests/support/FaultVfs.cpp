@@ -129,10 +129,31 @@ void Apply(std::string* image, const Inode::Change& change) {
   }
 }
 
+// A sector reaches the disk whole from the page cache, which already holds
+// every earlier write to it: before a write's bytes land in a sector, the
+// sector takes the cache's content as it was before that write. So a later
+// write never survives in a sector where an earlier one is lost.
+void LandSector(std::string* image, const std::string& cache, long long sector,
+                int sectorSize) {
+  const long long from = sector * sectorSize;
+  const long long to = std::min((sector + 1) * sectorSize, static_cast<long long>(cache.size()));
+  if (to > from) Put(image, static_cast<size_t>(from), cache.data() + from, to - from);
+}
+
+void ApplyKept(std::string* image, const std::string& cache, const Inode::Change& change,
+               int sectorSize) {
+  const long long end = change.offset + static_cast<long long>(change.bytes.size());
+  for (long long sector = change.offset / sectorSize; sector <= (end - 1) / sectorSize;
+       ++sector) {
+    LandSector(image, cache, sector, sectorSize);
+  }
+  Apply(image, change);
+}
+
 // A write cut short: whole sectors up to a chosen one, a prefix of that one
 // followed by old bytes or garbage, nothing after it.
-void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* random,
-               int sectorSize) {
+void ApplyTorn(std::string* image, const std::string& cache, const Inode::Change& change,
+               std::mt19937* random, int sectorSize) {
   const long long begin = change.offset;
   const long long end = begin + static_cast<long long>(change.bytes.size());
   const long long firstSector = begin / sectorSize;
@@ -143,6 +164,9 @@ void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* ra
   const long long tornEnd = std::min(end, (torn + 1) * sectorSize);
   const long long prefix = static_cast<long long>((*random)() % (tornEnd - tornBegin));
   const bool garbage = (*random)() % 2 == 0;
+  for (long long sector = firstSector; sector <= torn; ++sector) {
+    LandSector(image, cache, sector, sectorSize);
+  }
   const char* bytes = change.bytes.data();
   Put(image, static_cast<size_t>(begin), bytes,
       static_cast<size_t>(tornBegin + prefix - begin));
@@ -154,9 +178,11 @@ void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* ra
 }
 
 // What the inode holds after the cut: its synced content and a subset of
-// the changes since, some writes torn.
+// the changes since, some writes torn. `cache` follows every change, as
+// the page cache did.
 std::string Survivor(const Inode& inode, std::mt19937* random, int sectorSize) {
   std::string image = inode.synced;
+  std::string cache = inode.synced;
   for (const Inode::Change& change : inode.changes) {
     unsigned roll = (*random)() % 4;
     const char* fate = "lost";
@@ -164,12 +190,13 @@ std::string Survivor(const Inode& inode, std::mt19937* random, int sectorSize) {
       if (roll < 2) Apply(&image, change);
       fate = roll < 2 ? "truncation kept" : "truncation lost";
     } else if (change.bytes.empty() || roll < 2) {
-      Apply(&image, change);
+      if (!change.bytes.empty()) ApplyKept(&image, cache, change, sectorSize);
       fate = "kept";
     } else if (roll == 3) {
-      ApplyTorn(&image, change, random, sectorSize);
+      ApplyTorn(&image, cache, change, random, sectorSize);
       fate = "torn";
     }
+    Apply(&cache, change);
     if (Tracing()) {
       std::fprintf(stderr, "fault vfs: cut: change at %lld, %zu bytes: %s\n", change.offset,
                    change.bytes.size(), fate);

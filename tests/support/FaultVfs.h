@@ -29,6 +29,13 @@
 //     bytes. Bytes outside a write's own range are never changed
 //     (SQLite assumes powersafe overwrite). The sector size is 512 or 4096
 //     as the plan says.
+//   - a sector reaches the disk whole from the page cache, which already
+//     holds every earlier write to it: when a write lands in a sector (kept
+//     or torn), the sector first takes the content it had in the cache
+//     just before that write. A later write therefore never survives in a
+//     sector where an earlier one is lost (a journal record's page number
+//     and its first bytes share a sector: a disk cannot keep one and drop
+//     the other).
 // Each unsynced change is kept or lost on its own, so a lost truncation can
 // be followed by a kept write into the range it would have freed: a
 // journaling filesystem (ext4, f2fs, ubifs) commits the truncation before
