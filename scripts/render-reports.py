@@ -175,8 +175,11 @@ def faults(data):
     for name, title in (("power_cut", "Power cuts"), ("unsafe_modes", "Unsafe journal modes")):
         if isinstance(data.get(name), list):
             lines += ["", f"### {title}", ""] + table(data[name], cut_columns, cut_headers)
-    if isinstance(data.get("processes"), list):
-        lines += ["", "### Several processes", ""] + rows_table(data["processes"])
+    processes = data.get("processes")
+    if isinstance(processes, dict) and isinstance(processes.get("runs"), list):
+        totals = {k: v for k, v in processes.items() if k != "runs"}
+        lines += ["", "### Several processes", ""] + rows_table(processes["runs"]) + [
+            "", "Totals: " + "; ".join(f"{k} {cell(v)}" for k, v in totals.items()) + "."]
     for name in ("storage_full", "io_error", "alloc_failure"):
         if isinstance(data.get(name), dict):
             lines += ["", f"### {name}", ""] + [f"- {k}: {cell(v)}"
