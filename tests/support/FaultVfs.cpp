@@ -136,8 +136,12 @@ void Apply(std::string* image, const Inode::Change& change) {
 void LandSector(std::string* image, const std::string& cache, long long sector,
                 int sectorSize) {
   const long long from = sector * sectorSize;
-  const long long to = std::min((sector + 1) * sectorSize, static_cast<long long>(cache.size()));
-  if (to > from) Put(image, static_cast<size_t>(from), cache.data() + from, to - from);
+  const long long to =
+      std::min((sector + 1) * sectorSize, static_cast<long long>(cache.size()));
+  if (to > from) {
+    Put(image, static_cast<size_t>(from), cache.data() + static_cast<size_t>(from),
+        static_cast<size_t>(to - from));
+  }
 }
 
 void ApplyKept(std::string* image, const std::string& cache, const Inode::Change& change,
