@@ -120,3 +120,10 @@ armhf_build() {
     { tail -20 "$logs/armhf-build.log"; return 1; }
   cat build/armhf/libipc_db.size.txt
 }
+
+# The device-fault campaigns (label faults) at full size: over 10,000 power
+# cuts, every allocation, I/O error and storage budget point. Their figures
+# go to $results/faults/ (rendered into reports/faults.md).
+faults_stage() {
+  IPC_DB_FAULT_SCALE=full suite faults default -L faults -j "$jobs"
+}

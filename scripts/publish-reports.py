@@ -11,7 +11,9 @@ and each section is replaced by DIR/reports/GROUP.md (its title line left
 out). Sections whose report DIR does not hold are kept as they are. A
 <!-- report:provenance --> pair, when present, gets the date, the commit
 and DIR of the figures. DOCs default to docs/reliability.md and
-docs/performance.md. scripts/test.sh --full renders the reliability groups
+docs/performance.md. With --groups G1,G2 only those sections are replaced
+and each gets its own provenance line instead of the page's (for figures
+of a run of their own, e.g. the faults label at full scale). scripts/test.sh --full renders the reliability groups
 into build/default/reports; bench/run renders performance into
 build/release/reports.
 """
@@ -55,21 +57,28 @@ def provenance(build_dir):
     return f"Figures published on {day} from `{build_dir}` at commit `{commit}`.\n"
 
 
-def publish(doc, build_dir):
+def publish(doc, build_dir, groups=None):
     with open(doc) as f:
         text = f.read()
     replaced = []
 
     def section(match):
         group = match.group(2)
+        if groups is not None and group not in groups:
+            return match.group(0)
         body = None if group == "provenance" else rendered(build_dir, group)
         if body is None:
             return match.group(0)
         replaced.append(group)
+        if groups is not None:
+            body = provenance(build_dir) + "\n" + body
         return match.group(1) + body + match.group(4)
 
     text = MARKER.sub(section, text)
-    if replaced:
+    if replaced and groups is not None:
+        with open(doc, "w") as f:
+            f.write(text)
+    elif replaced:
         text = MARKER.sub(lambda m: m.group(1) + provenance(build_dir) + m.group(4)
                           if m.group(2) == "provenance" else m.group(0), text)
         with open(doc, "w") as f:
@@ -81,11 +90,13 @@ def publish(doc, build_dir):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build-dir", required=True)
+    parser.add_argument("--groups", help="comma-separated groups to publish alone")
     parser.add_argument("docs", nargs="*",
                         default=["docs/reliability.md", "docs/performance.md"])
     args = parser.parse_args()
+    groups = set(args.groups.split(",")) if args.groups else None
     for doc in args.docs:
-        publish(doc, args.build_dir)
+        publish(doc, args.build_dir, groups)
 
 
 if __name__ == "__main__":

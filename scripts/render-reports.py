@@ -62,7 +62,7 @@ def generic(data):
         if isinstance(value, list) and value and all(isinstance(v, dict) for v in value):
             lines += ["", f"## {name}", ""] + rows_table(value)
         elif isinstance(value, dict):
-            lines += ["", f"## {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
+            lines += ["", f"### {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
         else:
             lines.append(f"- {name}: {cell(value)}")
     return lines
@@ -162,7 +162,35 @@ def stages(data):
         "", f"Total: {total} s."]
 
 
-RENDERERS = {"crash": crash, "corruption": corruption, "wrongkey": wrongkey,
+def faults(data):
+    lines = []
+    cut_columns = ["journal_mode", "synchronous", "keyed", "cuts", "cuts_in_the_open",
+                   "corrupt", "corrupt_after_a_cut_in_the_open", "half_applied",
+                   "committed_rows_lost", "cuts_losing_rows", "first_read_failed",
+                   "first_read_failed_then_second_open_read_all", "seed"]
+    cut_headers = ["Journal", "synchronous", "Keyed", "Cuts", "Cuts in the open", "Corrupt",
+                   "Corrupt, cut in the open", "Half applied", "Committed rows lost",
+                   "Cuts losing rows", "First read failed",
+                   "Second open read all", "Seed"]
+    for name, title in (("power_cut", "Power cuts"), ("unsafe_modes", "Unsafe journal modes")):
+        if isinstance(data.get(name), list):
+            lines += ["", f"### {title}", ""] + table(data[name], cut_columns, cut_headers)
+    processes = data.get("processes")
+    if isinstance(processes, dict) and isinstance(processes.get("runs"), list):
+        totals = {k: v for k, v in processes.items() if k != "runs"}
+        lines += ["", "### Several processes", ""] + rows_table(processes["runs"]) + [
+            "", "Totals: " + "; ".join(f"{k} {cell(v)}" for k, v in totals.items()) + "."]
+    for name in ("storage_full", "io_error", "alloc_failure"):
+        if isinstance(data.get(name), dict):
+            lines += ["", f"### {name}", ""] + [f"- {k}: {cell(v)}"
+                                               for k, v in data[name].items()]
+    rest = {k: v for k, v in data.items()
+            if k not in ("power_cut", "unsafe_modes", "processes", "storage_full",
+                         "io_error", "alloc_failure")}
+    return lines + (generic(rest) if rest else [])
+
+
+RENDERERS = {"faults": faults, "crash": crash, "corruption": corruption, "wrongkey": wrongkey,
              "concurrency": concurrency, "logguard": logguard, "security": security, "valgrind": valgrind,
              "fuzz": fuzz, "suites": suites, "stages": stages}
 

@@ -7,7 +7,8 @@
 #                                 summary (a few minutes)
 #   bash scripts/test.sh --full   full tier (what CI runs): the host suite
 #                                 under load (ctest -j6, each test up to 3
-#                                 times), valgrind, the fuzzers, ThreadSanitizer,
+#                                 times), the device-fault campaigns at full
+#                                 scale, valgrind, the fuzzers, ThreadSanitizer,
 #                                 the suite under ASan+UBSan, and the armhf
 #                                 cross build with its suite under qemu-arm
 #                                 (-j4, each test up to 2 times); ends with a
@@ -79,6 +80,7 @@ fi
 
 source scripts/full-stages.sh
 stage "host suite, -j6 up to 3 times" suite host default -j 6 --repeat until-fail:3
+stage "device faults at full scale" faults_stage
 stage "valgrind memcheck" valgrind_stage
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
@@ -91,7 +93,7 @@ python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || s
 printf '\n== stage times (total %d s)\n' "$((SECONDS - started))"
 printf '%s\n' "${stage_lines[@]}"
 printf '\n== suites (reports in %s/reports)\n' "$build"
-for name in host asan armhf; do
+for name in host faults asan armhf; do
   printf '%-6s ' "$name"
   grep -hE '^[0-9]+% tests passed' "$logs/ctest-$name.log" 2>/dev/null | tail -1 ||
     echo "no ctest summary"

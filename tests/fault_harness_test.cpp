@@ -224,6 +224,38 @@ TEST_F(FaultHarness, UnsyncedWritesAreKeptLostOrTornInsideTheirRange) {
   EXPECT_GT(tornGarbage, 0);
 }
 
+// Two writes into one sector: the sector reaches the disk from the page
+// cache, so the later one never survives without the earlier one.
+TEST_F(FaultHarness, ALaterWriteInASectorNeverSurvivesWithoutAnEarlierOne) {
+  const std::string path = dir_.Path() + "f.db";
+  int both = 0, earlierOnly = 0, none = 0;
+  for (uint32_t seed = 1; seed <= 60; ++seed) {
+    WriteFile(path, std::string(1024, 'A'));
+    FaultVfs::ForgetFiles();
+    InChild([&] {
+      VfsFile file(path, SQLITE_OPEN_MAIN_DB);
+      FaultVfs::ArmPowerCut(2, seed, 512);
+      file.Write(std::string(4, 'P'), 512);
+      file.Write(std::string(508, 'D'), 516);
+    });
+    std::string bytes = ReadFileBytes(path);
+    ASSERT_EQ(bytes.size(), 1024u) << "seed " << seed;
+    const bool later = bytes.find('D') != std::string::npos;
+    const bool earlier = bytes.substr(512, 4) == "PPPP";
+    if (later) {
+      EXPECT_TRUE(earlier) << "seed " << seed;
+      ++both;
+    } else if (earlier) {
+      ++earlierOnly;
+    } else {
+      ++none;
+    }
+  }
+  EXPECT_GT(both, 0);
+  EXPECT_GT(earlierOnly, 0);
+  EXPECT_GT(none, 0);
+}
+
 // A write over several 4096-byte sectors torn: whole sectors before the
 // torn one are new, sectors after it are old.
 TEST_F(FaultHarness, TornWriteFollowsSectorBoundaries) {

@@ -16,7 +16,9 @@
 // seeded subset of the later changes, in order: a truncation happens or
 // not; a write is kept, lost or torn (whole sectors up to a chosen one, a
 // prefix of that sector, then old bytes or garbage; nothing outside the
-// write's own range changes; sectors of 512 or 4096 bytes). A file
+// write's own range changes; sectors of 512 or 4096 bytes); a sector a
+// write lands in holds every earlier write to it, as the page cache it is
+// written from did. A file
 // created or deleted since the last sync of its directory keeps its old
 // or its new directory entry: SQLite syncs the directory at the first
 // sync of a journal or WAL file it created, and after deleting a journal
@@ -34,6 +36,7 @@
 // 10,900 cuts.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
@@ -47,13 +50,15 @@ using namespace ipc_db_test;
 namespace {
 
 struct Progress {
+  int32_t opened;   // the session's open (with its journal mode switch) returned
   int32_t done;     // calls that returned 0
   int32_t started;  // calls begun
 };
 
 struct SettingFigures {
   long long cuts = 0, corrupt = 0, rowsLost = 0, halfApplied = 0;
-  long long cutInsideCall = 0, cutAfterLastCall = 0, cutsLosingRows = 0;
+  long long cutInOpen = 0, cutInsideCall = 0, cutAfterLastCall = 0, cutsLosingRows = 0;
+  long long corruptCutInOpen = 0;
   long long firstReadFailed = 0, firstReadFailedWithJournal = 0, healedBySecondOpen = 0;
 };
 
@@ -112,6 +117,7 @@ class PowerCutCampaign {
       FaultVfs::ArmPowerCut(cutAfter, cutSeed, sectorSize);
       FaultSession session;
       if (session.Open(work_.Path(), setting_) != 0) return 3;
+      progress_->opened = 1;
       for (const WorkCall& call : calls) {
         ++progress_->started;
         if (session.Run(call) != 0) return 4;
@@ -125,15 +131,19 @@ class PowerCutCampaign {
         << (end.exited ? "status " : "signal ") << end.status;
     ++figures_.cuts;
     const int done = progress_->done;
-    if (progress_->started > done) {
+    const bool inOpen = progress_->opened == 0;
+    if (inOpen) {
+      ++figures_.cutInOpen;
+    } else if (progress_->started > done) {
       ++figures_.cutInsideCall;
     } else {
       ++figures_.cutAfterLastCall;
     }
-    Check(calls, done);
+    Check(index, calls, done, inOpen);
   }
 
-  void Check(const std::vector<WorkCall>& calls, int done) {
+  void Check(unsigned long long index, const std::vector<WorkCall>& calls, int done,
+             bool inOpen) {
     Reopened reopened = ReopenAndRead(work_.Path(), setting_);
     const FileSeen& seen = reopened.seen;
     if (!reopened.firstReadOk) {
@@ -142,6 +152,9 @@ class PowerCutCampaign {
     }
     if (!seen.readable || !seen.integrityOk) {
       ++figures_.corrupt;
+      if (inOpen) ++figures_.corruptCutInOpen;
+      std::printf("%s: point %llu corrupt (SQLite code %d, readable %d)\n",
+                  setting_.Name().c_str(), index, seen.code, seen.readable);
       return;
     }
     if (!reopened.firstReadOk) ++figures_.healedBySecondOpen;
@@ -153,6 +166,7 @@ class PowerCutCampaign {
     long long lost = 0;
     if (matched < 0 || matched > done + 1) {
       ++figures_.halfApplied;
+      std::printf("%s: point %llu half applied\n", setting_.Name().c_str(), index);
       lost = RowsDiffering(states[done], seen);
       if (done + 1 < static_cast<int>(states.size())) {
         lost = std::min(lost, RowsDiffering(states[done + 1], seen));
@@ -184,6 +198,8 @@ std::string FiguresJson(const FaultSetting& setting, const SettingFigures& figur
       .Add("committed_rows_lost", figures.rowsLost)
       .Add("half_applied", figures.halfApplied)
       .Add("cuts_losing_rows", figures.cutsLosingRows)
+      .Add("cuts_in_the_open", figures.cutInOpen)
+      .Add("corrupt_after_a_cut_in_the_open", figures.corruptCutInOpen)
       .Add("cuts_inside_a_call", figures.cutInsideCall)
       .Add("cuts_after_the_last_call", figures.cutAfterLastCall)
       .Add("first_read_failed", figures.firstReadFailed)
@@ -200,8 +216,13 @@ void RunSettings(const std::string& name, const std::vector<FaultSetting>& setti
   const uint32_t seed = StartCampaign(name);
   std::vector<std::string> items;
   long long firstIndex = 0;
+  const char* only = std::getenv("IPC_DB_FAULT_SETTING");
   for (const FaultSetting& setting : settings) {
     const int points = setting.keyed ? keyedPoints : plainPoints;
+    if (only != nullptr && *only != '\0' && setting.Name() != only) {
+      firstIndex += 100000;
+      continue;
+    }
     SettingFigures figures = PowerCutCampaign(setting, seed, firstIndex).Run(points);
     firstIndex += 100000;
     items.push_back(FiguresJson(setting, figures, seed));
@@ -211,7 +232,15 @@ void RunSettings(const std::string& name, const std::vector<FaultSetting>& setti
       EXPECT_EQ(figures.cuts, points) << setting.Name();
     }
     if (requireSafe && PromisedSafe(setting)) {
-      EXPECT_EQ(figures.corrupt, 0) << setting.Name();
+      // Under WAL/NORMAL the open itself is not a WAL transaction: the
+      // library's "PRAGMA journal_mode = DELETE;" and the application's
+      // switch to WAL each rewrite page 1 through a rollback journal under
+      // NORMAL, which carries that journal's risk (docs/reliability.md).
+      // Those cuts are counted apart; every cut after the switch must
+      // leave an intact file.
+      const bool walNormal = setting.journal == "WAL" && setting.synchronous == "NORMAL";
+      EXPECT_EQ(figures.corrupt - (walNormal ? figures.corruptCutInOpen : 0), 0)
+          << setting.Name();
       EXPECT_EQ(figures.halfApplied, 0) << setting.Name();
     }
     if (setting.synchronous == "EXTRA" ||
@@ -219,7 +248,8 @@ void RunSettings(const std::string& name, const std::vector<FaultSetting>& setti
       EXPECT_EQ(figures.rowsLost, 0) << setting.Name();
     }
   }
-  if (FaultPointOnly() >= 0) return;  // a replay writes no figures
+  // A replay (one point or one setting) writes no figures.
+  if (FaultPointOnly() >= 0 || (only != nullptr && *only != '\0')) return;
   WriteResultJson("faults", name, JsonList(items));
 }
 

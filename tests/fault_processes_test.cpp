@@ -159,6 +159,7 @@ TEST(Processes, SharingOneFile) {
   const uint32_t seed = StartCampaign("processes");
   const int calls = ScaledPoints(200, 30);
   std::vector<std::string> items;
+  RunFigures total;
   long long index = 0;
   for (int timeoutMs : {0, 5000}) {
     for (int processes : {2, 4}) {
@@ -170,6 +171,11 @@ TEST(Processes, SharingOneFile) {
       EXPECT_EQ(figures.rowsLost, 0);
       EXPECT_EQ(figures.corrupt, 0);
       EXPECT_EQ(figures.halfApplied, 0);
+      total.calls += figures.calls;
+      total.failed += figures.failed;
+      total.rowsLost += figures.rowsLost;
+      total.corrupt += figures.corrupt;
+      total.halfApplied += figures.halfApplied;
       JsonObject json;
       json.Add("processes", processes)
           .Add("busy_timeout_ms", timeoutMs)
@@ -184,7 +190,17 @@ TEST(Processes, SharingOneFile) {
       std::fflush(stdout);
     }
   }
-  if (FaultPointOnly() < 0) WriteResultJson("faults", "processes", JsonList(items));
+  // The totals over the four runs, and each run with its figures.
+  JsonObject json;
+  json.Add("processes", "2 and 4")
+      .Add("calls", total.calls)
+      .Add("failed_calls", total.failed)
+      .Add("rows_lost", total.rowsLost)
+      .Add("corrupt", total.corrupt)
+      .Add("half_applied", total.halfApplied)
+      .AddRaw("runs", JsonList(items))
+      .Add("seed", static_cast<long long>(seed));
+  if (FaultPointOnly() < 0) WriteResultJson("faults", "processes", json.Text());
 }
 
 }  // namespace

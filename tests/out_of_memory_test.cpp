@@ -1,13 +1,12 @@
 // The answer of the table calls to an allocation failure. This program
-// replaces the throwing operator new so that it shares FaultAlloc's
-// countdown (support/FaultVfs.h): a test arms it for the n-th allocation
-// from then on, which throws std::bad_alloc as the standard one does. The
-// call under test must return -1 with one "<call> out of memory.\n" entry,
-// change no row, and the next call must work.
+// links the replaced operator new of support/FailingOperatorNew.h, which
+// shares FaultAlloc's countdown (support/FaultVfs.h): a test arms it for
+// the n-th allocation from then on, which throws std::bad_alloc as the
+// standard one does. The call under test must return -1 with one
+// "<call> out of memory.\n" entry, change no row, and the next call must
+// work.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include "DbFilter.h"
@@ -25,34 +24,6 @@ using ipc_db_test::LogCapture;
 using ipc_db_test::MakePerson;
 using ipc_db_test::Person;
 using ipc_db_test::Rows;
-
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(std::size_t size) {
-  if (FaultAlloc::TakeAllocation()) throw std::bad_alloc();
-  void* block = std::malloc(size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-void* operator new[](std::size_t size) { return ::operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return ::operator new(size);
-  } catch (...) {
-    return nullptr;
-  }
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-  return ::operator new(size, tag);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 
 namespace {
 

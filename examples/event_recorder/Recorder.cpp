@@ -223,7 +223,8 @@ bool Recorder::ChooseKey() {
   figures_.key_generation = marker.current;
   if (marker.has_next) {
     // A rotation was interrupted: the file holds one of the two keys.
-    bool next_works = OpenQuietly(marker.next) == 0 && KeyOpensDatabase();
+    bool retried = false;
+    bool next_works = OpenAndProveKey(marker.next, &retried);
     ReleaseDatabase();
     if (next_works) {
       if (!keys_.PromoteNext(&error)) return Fail(error);
@@ -243,14 +244,17 @@ bool Recorder::ChooseKey() {
 
 bool Recorder::OpenDatabase() {
   Stopwatch clock;
-  if (!OpenWithGeneration(figures_.key_generation)) return false;
-  if (!KeyOpensDatabase()) {
+  bool retried = false;
+  if (!OpenAndProveKey(figures_.key_generation, &retried)) {
     return Fail(Format("the key of generation %u does not open %s",
                        figures_.key_generation, DatabasePath().c_str()));
   }
   report_.Step(label_,
-               Format("%s with a 64-character key, status %u (1 = open)",
-                      DatabasePath().c_str(), db_.GetDBStatus()),
+               Format("%s with a 64-character key, status %u (1 = open)%s",
+                      DatabasePath().c_str(), db_.GetDBStatus(),
+                      retried ? "; the first open after a power cut failed its reads, "
+                                "the second read every row"
+                              : ""),
                clock.Ms());
   return true;
 }
@@ -831,6 +835,21 @@ bool Recorder::KeyOpensDatabase() {
                                              &result, DB_EXEC_SQL_SYNC);
   db_.m_pDBConn->FreeExecuteResult(&result);
   return code == 0;
+}
+
+// A failed first read is not yet a wrong key. A power cut that tore the
+// file's first page while a rollback journal lay beside it leaves a file
+// whose first open derives the key from the torn salt and fails every read
+// ("file is encrypted or is not a database"); that open rolls the journal
+// back, and a second open reads every row. Discarding or re-keying the file
+// on the first failure would lose it all. So the first failure is retried
+// once after closing; only a second failure means the key does not fit.
+bool Recorder::OpenAndProveKey(unsigned int generation, bool* retried) {
+  *retried = false;
+  if (OpenQuietly(generation) == 0 && KeyOpensDatabase()) return true;
+  ReleaseDatabase();
+  *retried = true;
+  return OpenQuietly(generation) == 0 && KeyOpensDatabase();
 }
 
 void Recorder::ReleaseDatabase() {

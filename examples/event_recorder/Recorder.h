@@ -93,6 +93,11 @@ class Recorder {
   // OpenQuietly, reporting a failure.
   bool OpenWithGeneration(unsigned int generation);
   bool KeyOpensDatabase();
+  // Opens with `generation`'s key and proves it with a first read; on a
+  // failure closes, opens once more and reads again (see the .cpp). True
+  // when a read succeeded, the database left open; `retried` tells whether
+  // the second open was needed.
+  bool OpenAndProveKey(unsigned int generation, bool* retried);
   void ReleaseDatabase();
   bool Count(DbFilters& filters, long long* count);
   bool CountAll(long long* count);

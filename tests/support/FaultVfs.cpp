@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -73,6 +74,20 @@ State& TheState() {
   return *state;
 }
 
+// With IPC_DB_FAULT_TRACE set, every durable operation and every choice
+// of a power cut is printed to stderr (for replaying one point).
+bool Tracing() {
+  static const bool tracing = std::getenv("IPC_DB_FAULT_TRACE") != nullptr;
+  return tracing;
+}
+
+void Trace(const char* what, const std::string& path, long long offset, long long size) {
+  if (!Tracing()) return;
+  size_t slash = path.rfind('/');
+  std::fprintf(stderr, "fault vfs: %s %s at %lld, %lld bytes\n", what,
+               path.c_str() + (slash == std::string::npos ? 0 : slash + 1), offset, size);
+}
+
 struct Handle {
   sqlite3_file base;
   sqlite3_file* real;
@@ -114,10 +129,35 @@ void Apply(std::string* image, const Inode::Change& change) {
   }
 }
 
+// A sector reaches the disk whole from the page cache, which already holds
+// every earlier write to it: before a write's bytes land in a sector, the
+// sector takes the cache's content as it was before that write. So a later
+// write never survives in a sector where an earlier one is lost.
+void LandSector(std::string* image, const std::string& cache, long long sector,
+                int sectorSize) {
+  const long long from = sector * sectorSize;
+  const long long to =
+      std::min((sector + 1) * sectorSize, static_cast<long long>(cache.size()));
+  if (to > from) {
+    Put(image, static_cast<size_t>(from), cache.data() + static_cast<size_t>(from),
+        static_cast<size_t>(to - from));
+  }
+}
+
+void ApplyKept(std::string* image, const std::string& cache, const Inode::Change& change,
+               int sectorSize) {
+  const long long end = change.offset + static_cast<long long>(change.bytes.size());
+  for (long long sector = change.offset / sectorSize; sector <= (end - 1) / sectorSize;
+       ++sector) {
+    LandSector(image, cache, sector, sectorSize);
+  }
+  Apply(image, change);
+}
+
 // A write cut short: whole sectors up to a chosen one, a prefix of that one
 // followed by old bytes or garbage, nothing after it.
-void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* random,
-               int sectorSize) {
+void ApplyTorn(std::string* image, const std::string& cache, const Inode::Change& change,
+               std::mt19937* random, int sectorSize) {
   const long long begin = change.offset;
   const long long end = begin + static_cast<long long>(change.bytes.size());
   const long long firstSector = begin / sectorSize;
@@ -128,6 +168,9 @@ void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* ra
   const long long tornEnd = std::min(end, (torn + 1) * sectorSize);
   const long long prefix = static_cast<long long>((*random)() % (tornEnd - tornBegin));
   const bool garbage = (*random)() % 2 == 0;
+  for (long long sector = firstSector; sector <= torn; ++sector) {
+    LandSector(image, cache, sector, sectorSize);
+  }
   const char* bytes = change.bytes.data();
   Put(image, static_cast<size_t>(begin), bytes,
       static_cast<size_t>(tornBegin + prefix - begin));
@@ -139,17 +182,28 @@ void ApplyTorn(std::string* image, const Inode::Change& change, std::mt19937* ra
 }
 
 // What the inode holds after the cut: its synced content and a subset of
-// the changes since, some writes torn.
+// the changes since, some writes torn. `cache` follows every change, as
+// the page cache did.
 std::string Survivor(const Inode& inode, std::mt19937* random, int sectorSize) {
   std::string image = inode.synced;
+  std::string cache = inode.synced;
   for (const Inode::Change& change : inode.changes) {
     unsigned roll = (*random)() % 4;
+    const char* fate = "lost";
     if (change.truncate) {
       if (roll < 2) Apply(&image, change);
+      fate = roll < 2 ? "truncation kept" : "truncation lost";
     } else if (change.bytes.empty() || roll < 2) {
-      Apply(&image, change);
+      if (!change.bytes.empty()) ApplyKept(&image, cache, change, sectorSize);
+      fate = "kept";
     } else if (roll == 3) {
-      ApplyTorn(&image, change, random, sectorSize);
+      ApplyTorn(&image, cache, change, random, sectorSize);
+      fate = "torn";
+    }
+    Apply(&cache, change);
+    if (Tracing()) {
+      std::fprintf(stderr, "fault vfs: cut: change at %lld, %zu bytes: %s\n", change.offset,
+                   change.bytes.size(), fate);
     }
   }
   return image;
@@ -172,6 +226,13 @@ void WriteWhole(const std::string& path, const std::string& bytes) {
   for (auto& [path, entry] : state.entries) {
     std::shared_ptr<Inode> survivor = entry.current;
     if (entry.current != entry.durable && random() % 2 == 0) survivor = entry.durable;
+    if (Tracing()) {
+      std::fprintf(stderr, "fault vfs: cut: %s: %s%s\n", path.c_str(),
+                   survivor == nullptr ? "no file" : "file",
+                   entry.current == entry.durable ? ""
+                   : survivor == entry.durable ? " (old directory entry)"
+                                               : " (new directory entry)");
+    }
     if (survivor == nullptr) {
       unlink(path.c_str());
     } else {
@@ -261,6 +322,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
   if (!handle->tracked) {
     return handle->real->pMethods->xWrite(handle->real, buffer, amount, offset);
   }
+  FaultAllocPause pause;  // the record below is the disk's, not the library's
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kWrite);
@@ -281,6 +343,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
   InodeOf(state, handle->path)
       ->changes.push_back(Inode::Change{
           false, offset, std::string(static_cast<const char*>(buffer), amount)});
+  Trace("write", handle->path, offset, amount);
   NoteSize(state, handle);
   state.peakBytes = std::max(state.peakBytes, TotalSize(state));
   DurableOpDone(state);
@@ -290,6 +353,7 @@ int FaultWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64
 int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
   Handle* handle = reinterpret_cast<Handle*>(file);
   if (!handle->tracked) return handle->real->pMethods->xTruncate(handle->real, size);
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kTruncate);
@@ -297,6 +361,7 @@ int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
   int rc = handle->real->pMethods->xTruncate(handle->real, size);
   if (rc != SQLITE_OK) return rc;
   InodeOf(state, handle->path)->changes.push_back(Inode::Change{true, size, {}});
+  Trace("truncate", handle->path, size, 0);
   NoteSize(state, handle);
   DurableOpDone(state);
   return rc;
@@ -305,6 +370,7 @@ int FaultTruncate(sqlite3_file* file, sqlite3_int64 size) {
 int FaultSync(sqlite3_file* file, int flags) {
   Handle* handle = reinterpret_cast<Handle*>(file);
   if (!handle->tracked) return handle->real->pMethods->xSync(handle->real, flags);
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   int code = Enter(state, FaultOp::kSync);
@@ -316,6 +382,8 @@ int FaultSync(sqlite3_file* file, int flags) {
   std::shared_ptr<Inode> inode = InodeOf(state, handle->path);
   for (const Inode::Change& change : inode->changes) Apply(&inode->synced, change);
   inode->changes.clear();
+  Trace(handle->dirSyncPending ? "sync (and directory)" : "sync", handle->path, 0,
+        static_cast<long long>(inode->synced.size()));
   if (handle->dirSyncPending) {
     SyncDirectory(state, DirOf(handle->path));
     handle->dirSyncPending = false;
@@ -427,9 +495,12 @@ int FaultOpen(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags,
     lock.lock();
     int code = Enter(state, FaultOp::kOpen);
     if (code != SQLITE_OK) return code;
+    FaultAllocPause pause;
     InodeOf(state, name);  // an existing file is recorded before SQLite changes it
   }
+  // The unix VFS's own allocations here are SQLite's: they count and fail.
   int rc = RealVfs()->xOpen(RealVfs(), name, handle->real, flags, outFlags);
+  FaultAllocPause pause;
   if (rc != SQLITE_OK) {
     if (handle->tracked && access(name, F_OK) != 0) state.entries[name].current = nullptr;
     return rc;
@@ -440,6 +511,7 @@ int FaultOpen(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags,
 }
 
 int FaultDelete(sqlite3_vfs*, const char* name, int dirSync) {
+  FaultAllocPause pause;
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
   auto found = state.entries.find(name);
@@ -453,6 +525,7 @@ int FaultDelete(sqlite3_vfs*, const char* name, int dirSync) {
   found->second.current = nullptr;
   state.sizes.erase(name);
   if (dirSync) SyncDirectory(state, DirOf(name));
+  Trace(dirSync ? "delete (and directory)" : "delete", name, 0, 0);
   DurableOpDone(state);
   return rc;
 }
@@ -533,6 +606,8 @@ struct AllocState {
 AllocState g_alloc;
 
 AllocState& TheAlloc() { return g_alloc; }
+
+thread_local int t_allocPauses = 0;
 
 void* AllocMalloc(int size) {
   if (FaultAlloc::TakeAllocation()) return nullptr;
@@ -680,6 +755,7 @@ void FaultAlloc::FailNth(unsigned long long n, bool persistent) {
 }
 
 bool FaultAlloc::TakeAllocation() {
+  if (t_allocPauses > 0) return false;
   AllocState& state = TheAlloc();
   unsigned long long index = ++state.allocations;
   unsigned long long failAt = state.failAt;
@@ -689,6 +765,9 @@ bool FaultAlloc::TakeAllocation() {
   }
   return false;
 }
+
+FaultAllocPause::FaultAllocPause() { ++t_allocPauses; }
+FaultAllocPause::~FaultAllocPause() { --t_allocPauses; }
 
 unsigned long long FaultAlloc::Allocations() { return TheAlloc().allocations; }
 unsigned long long FaultAlloc::Failed() { return TheAlloc().failed; }

@@ -29,7 +29,21 @@
 //     bytes. Bytes outside a write's own range are never changed
 //     (SQLite assumes powersafe overwrite). The sector size is 512 or 4096
 //     as the plan says.
-// Every choice comes from the seed the plan gives, so a cut replays.
+//   - a sector reaches the disk whole from the page cache, which already
+//     holds every earlier write to it: when a write lands in a sector (kept
+//     or torn), the sector first takes the content it had in the cache
+//     just before that write. A later write therefore never survives in a
+//     sector where an earlier one is lost (a journal record's page number
+//     and its first bytes share a sector: a disk cannot keep one and drop
+//     the other).
+// Each unsynced change is kept or lost on its own, so a lost truncation can
+// be followed by a kept write into the range it would have freed: a
+// journaling filesystem (ext4, f2fs, ubifs) commits the truncation before
+// it reuses the freed blocks and never shows that, FAT on an SD card can.
+// The model keeps it as the worse case; it is what corrupts TRUNCATE under
+// NORMAL (docs/reliability.md).
+// Every choice comes from the seed the plan gives, so a cut replays; with
+// IPC_DB_FAULT_TRACE set, the operations and the cut's choices are printed.
 //
 // Only one process-wide instance exists; its state is guarded by a mutex.
 // Plans are meant for a forked child: the parent installs the VFS, forks,
@@ -127,6 +141,19 @@ class FaultAlloc {
   static unsigned long long Allocations();
   static unsigned long long Failed();
   static void ResetCounts();
+};
+
+// While one lives, allocations on its thread are neither counted nor
+// failed: the harness's own bookkeeping (the fault VFS's record of writes
+// for the power model, the log key guard's copy of each entry) stands for
+// the disk and the platform, not for the library, and must not throw
+// through SQLite's frames.
+class FaultAllocPause {
+ public:
+  FaultAllocPause();
+  ~FaultAllocPause();
+  FaultAllocPause(const FaultAllocPause&) = delete;
+  FaultAllocPause& operator=(const FaultAllocPause&) = delete;
 };
 
 // ---- Plans ----

@@ -3,6 +3,7 @@
 // back its stored CREATE text, asking whether it exists, and adding columns
 // to it with ALTER TABLE. Names and values go into the SQL text as they
 // stand, without quoting or escaping (apart from quoted default values).
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -85,7 +86,9 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
             !ipc_db::detail::CheckMembers(meta->members, "meta_data")) {
           return nullptr;
         }
-        Table* table = new (std::nothrow) Table(this, meta, analyze_name);
+        // Owned here until it is handed out: a std::bad_alloc further down
+        // (the statement text) must not leak it.
+        std::unique_ptr<Table> table(new (std::nothrow) Table(this, meta, analyze_name));
         if (table == nullptr) {
           DB_LOG(ipc_db::detail::kLogError, "Db::createTable alloc table fail.\n");
           return nullptr;
@@ -97,11 +100,10 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
                  meta->type_name.c_str());
           if (meta->members.empty()) {
             DB_LOG(ipc_db::detail::kLogError, "table members is empty!\n");
-            delete table;
             return nullptr;
           }
           for (Member* member : meta->members) preProcMember(member);
-          return table;
+          return table.release();
         }
 
         std::string sql = "create table " + meta->type_name + "(";
@@ -119,10 +121,9 @@ Table* Db::createTable(Meta* meta, int analyze_name) {
         sql += ");";
 
         if (ipc_db::detail::ExecuteText(m_pDBConn, sql, "createTable") != 0) {
-          delete table;
           return nullptr;
         }
-        return table;
+        return table.release();
       });
 }
 
