@@ -8,7 +8,8 @@
 #   bash scripts/test.sh --full   full tier (what CI runs): the host suite
 #                                 under load (ctest -j6, each test up to 3
 #                                 times), valgrind, the fuzzers, ThreadSanitizer,
-#                                 the suite under ASan+UBSan, and the armhf
+#                                 bench/costs --quick, the suite under
+#                                 ASan+UBSan, and the armhf
 #                                 cross build with its suite under qemu-arm
 #                                 (-j4, each test up to 2 times); ends with a
 #                                 per-stage time table and the suites' ctest
@@ -82,6 +83,7 @@ stage "host suite, -j6 up to 3 times" suite host default -j 6 --repeat until-fai
 stage "valgrind memcheck" valgrind_stage
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
+stage "device costs, quick (bench/costs)" costs_stage
 stage "ASan+UBSan build (build/asan)" asan_build
 stage "ASan+UBSan suite" asan_suite
 stage "armhf sysroot and build (build/armhf)" armhf_build
