@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "ConnHandle.h"
 #include "Db.h"
@@ -16,7 +17,9 @@ namespace ipc_db::detail {
 
 namespace {
 
-bool IsIntegerMember(const Member& member) { return member.sql_type == "INTEGER"; }
+bool IsIntegerMember(const Member& member) {
+  return std::string_view(member.sql_type) == std::string_view("INTEGER");
+}
 
 // True when the term's operator reads a character or array value through
 // `value1` (and, for between, `value2`).
