@@ -210,6 +210,7 @@ void RunWriteCase(const WriteCase& c) {
 }
 
 int RunWrites(size_t events) {
+  if (events % 256 != 0) Fatal("writes: events must be a multiple of the largest batch, 256");
   FaultVfs::Install();
   FaultVfs::SetRealSyncs(false);
   for (const JournalMode& mode : kJournalModes) {

@@ -57,17 +57,6 @@ bool CheckTermMember(const DbFilter& term) {
 
 }  // namespace
 
-bool TermNamesColumn(DbFilterOperator op) {
-  switch (op) {
-    case DB_FILTER_OP_AND:
-    case DB_FILTER_OP_LIMIT:
-    case DB_FILTER_OP_OFFSET:
-      return false;
-    default:
-      return op >= DB_FILTER_OP_EQ && op <= DB_FILTER_OP_IN;
-  }
-}
-
 bool CheckMemberType(const Member& member) {
   if (member.type_meta != nullptr) return true;
   DB_LOG(kLogError, "type_meta of member %s is null.\n", member.name.c_str());
