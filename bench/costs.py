@@ -246,7 +246,7 @@ def render(data, reports):
     goals = data["goals"]
     lines = ["# Device costs", "",
              f"Measured by `bench/costs{' --quick' if data['quick'] else ''}` on "
-             f"{data['machine']}, {data['date']}. Counts, not times: bytes and syncs "
+             f"{data['machine']}, {data['date']}, commit `{data['commit']}`. Counts, not times: bytes and syncs "
              "through the fault VFS in counting mode (flushes counted, not performed), heap "
              "through the benchmark's own allocator, instructions under callgrind.", ""]
     lines += ["## Bytes written and syncs per event", "",
@@ -376,6 +376,8 @@ def main():
     data = {"quick": args.quick, "date": datetime.datetime.now(datetime.timezone.utc)
             .strftime("%Y-%m-%d %H:%M UTC"),
             "machine": f"{platform.machine()}, {os.cpu_count()} cores",
+            "commit": subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"],
+                                     stdout=subprocess.PIPE, text=True).stdout.strip(),
             "sizes": sizes, "goals": GOALS}
     step(f"writes, {sizes['writes_events']} events per case")
     data["writes"] = writes(driver, sizes["writes_events"])
