@@ -2,7 +2,7 @@
 """Runs the device-cost measurements of bench/costs and writes
 DIR/reports/costs.json and DIR/reports/costs.md (with SVG plots beside it).
 
-  bench/costs.py --build-dir DIR [--quick] [--armhf-build-dir DIR]
+  bench/costs.py --build-dir DIR [--quick] [--armhf-build-dir DIR] [--render-only]
 
 The measurements are made by DIR/bench/costs_driver (bytes and syncs per
 event, heap peaks, growth under callgrind, the retention soak) and by
@@ -249,7 +249,7 @@ def render(data, reports):
              f"{data['machine']}, {data['date']}, commit `{data['commit']}`. Counts, not times: bytes and syncs "
              "through the fault VFS in counting mode (flushes counted, not performed), heap "
              "through the benchmark's own allocator, instructions under callgrind.", ""]
-    lines += ["## Bytes written and syncs per event", "",
+    lines += ["### Bytes written and syncs per event", "",
               f"{data['sizes']['writes_events']} events per case on the host, each side on "
               "its own fresh file after one first event; update_item and rmv_item touch "
               "32 rows per call. Library within "
@@ -267,7 +267,7 @@ def render(data, reports):
     lines += md_table(["arch", "op", "batch", "journal", "synchronous", "lib B/event",
                        "raw B/event", "lib syncs/event", "raw syncs/event",
                        "lib db / journal+WAL B/event"], rows)
-    lines += ["", "## Heap per call", "",
+    lines += ["", "### Heap per call", "",
               "Peak bytes above the level before the call. `lib` is everything outside "
               "SQLite's allocator (the library, the C++ runtime it calls, and the crypto "
               "library SQLCipher calls with plain malloc); `sqlite` is "
@@ -282,7 +282,7 @@ def render(data, reports):
                       [[c["arch"], c["op"], c["rows"], c["lib_peak_bytes"],
                         c["sqlite_peak_bytes"], c["caller_owned_bytes"]]
                        for c in data["heap"]])
-    lines += ["", "## Growth with the table's size", "",
+    lines += ["", "### Growth with the table's size", "",
               "Instructions per row under callgrind, only the measured call collected: "
               "add_item of 10 batches of 32 (per row inserted), a get_item of 100 rows "
               "through the index on Time (per row returned), get_item_cnt and get_item_max "
@@ -301,7 +301,7 @@ def render(data, reports):
               f"{by[('get_item', last)] / by[('get_item', first)]:.2f} (at most "
               f"{goals['growth_read']}).", ""]
     lines += ["", "![instructions per row](costs-growth.svg)", "",
-              "## Retention soak", ""]
+              "### Retention soak", ""]
     soak_rows = []
     for key in ("soak", "soak_wal"):
         s = data[key]
@@ -320,7 +320,7 @@ def render(data, reports):
                   f"alone peaked at {s['max_database_bytes']:,} bytes. A WAL file keeps its "
                   "largest size between checkpoints (no journal_size_limit is set)."]
     lines += ["", "![file size over the soak](costs-soak.svg)", "",
-              "## Library against raw instructions", "",
+              "### Library against raw instructions", "",
               f"From `bench/callgrind --rows {data['sizes']['pair_rows']}` "
               f"(goal {goals['ir_ratio']}).", ""]
     lines += md_table(["pair", "library/raw", "goal met", "Ir in bounded copies",
@@ -365,7 +365,14 @@ def main():
     parser.add_argument("--build-dir", default="build/default")
     parser.add_argument("--armhf-build-dir", default="build/armhf")
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--render-only", action="store_true",
+                        help="render costs.md again from the costs.json of DIR")
     args = parser.parse_args()
+    if args.render_only:
+        reports = os.path.join(args.build_dir, "reports")
+        with open(os.path.join(reports, "costs.json")) as f:
+            render(json.load(f), reports)
+        return
     pick = 1 if args.quick else 0
     sizes = {name: value[pick] for name, value in SIZES.items()}
     driver = driver_in(args.build_dir)
