@@ -16,6 +16,14 @@
 #include <cstddef>
 #include <cstdlib>
 
+// Under AddressSanitizer or ThreadSanitizer the sanitizer owns malloc: the
+// replacements are left out there, and only SQLite's side is counted.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define IPC_DB_HEAP_COUNTER_REPLACES_MALLOC 0
+#else
+#define IPC_DB_HEAP_COUNTER_REPLACES_MALLOC 1
+#endif
+
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -47,10 +55,12 @@ Side g_sqlite;
 thread_local bool t_inSqlite = false;
 sqlite3_mem_methods g_default;
 
+#if IPC_DB_HEAP_COUNTER_REPLACES_MALLOC
 void Note(void* pointer, int sign) {
   if (pointer == nullptr || t_inSqlite || !g_counting.load(std::memory_order_relaxed)) return;
   g_library.Add(sign * static_cast<long long>(malloc_usable_size(pointer)));
 }
+#endif
 
 // SQLite's side: the default allocator, with the thread marked.
 struct InSqlite {
@@ -88,6 +98,7 @@ void SqliteShutdown(void* data) { g_default.xShutdown(data); }
 
 }  // namespace
 
+#if IPC_DB_HEAP_COUNTER_REPLACES_MALLOC
 extern "C" {
 
 void* malloc(size_t size) {
@@ -124,6 +135,7 @@ int posix_memalign(void** out, size_t alignment, size_t size) {
 }
 
 }  // extern "C"
+#endif
 
 void HeapCounter::Install() {
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &g_default);
