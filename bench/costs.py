@@ -50,11 +50,13 @@ def fail(message):
 
 
 def driver_in(build_dir):
-    path = os.path.join(build_dir, "bench", "costs_driver")
-    if not os.access(path, os.X_OK):
-        fail(f"{path} is missing; build it with "
-             f"`cmake --build {build_dir} --target costs_driver`")
-    return path
+    """The driver, after checking that every binary the run needs is built."""
+    for target in ("costs_driver", "callgrind_driver", "callgrind_clause_driver"):
+        path = os.path.join(build_dir, "bench", target)
+        if not os.access(path, os.X_OK):
+            fail(f"{path} is missing; build it with "
+                 f"`cmake --build {build_dir} --target {target}`")
+    return os.path.join(build_dir, "bench", "costs_driver")
 
 
 def run_lines(command):
