@@ -127,3 +127,15 @@ armhf_build() {
 faults_stage() {
   IPC_DB_FAULT_SCALE=full suite faults default -L faults -j "$jobs"
 }
+
+# bench/costs --quick on build/default: every device-cost measurement at a
+# small size, so the script and its driver keep working.
+costs_stage() {
+  bench/costs --quick --build-dir "$build" --armhf-build-dir build/none >"$logs/costs.log" 2>&1
+  local rc=$?
+  mkdir -p "$results/costs-quick"
+  printf '{"rc": %d, "report": "%s"}\n' "$rc" "$build/reports/costs.md" \
+    >"$results/costs-quick/run.json"
+  tail -3 "$logs/costs.log"
+  return "$rc"
+}

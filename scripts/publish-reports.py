@@ -10,20 +10,26 @@ A document names its published sections with marker pairs
 and each section is replaced by DIR/reports/GROUP.md (its title line left
 out). Sections whose report DIR does not hold are kept as they are. A
 <!-- report:provenance --> pair, when present, gets the date, the commit
-and DIR of the figures. DOCs default to docs/reliability.md and
-docs/performance.md. With --groups G1,G2 only those sections are replaced
-and each gets its own provenance line instead of the page's (for figures
-of a run of their own, e.g. the faults label at full scale). scripts/test.sh --full renders the reliability groups
-into build/default/reports; bench/run renders performance into
-build/release/reports.
+and DIR of the figures. Images a report links to by a plain file name
+(![...](costs-soak.svg)) are copied from DIR/reports into figures/ beside
+the document, and the links point there. DOCs default to
+docs/reliability.md and docs/performance.md. With --groups G1,G2 only those
+sections are replaced and each gets its own provenance line instead of the
+page's (for figures of a run of their own, e.g. the faults label at full
+scale). scripts/test.sh --full renders the reliability groups into
+build/default/reports; bench/run renders performance into
+build/release/reports; bench/costs renders costs into its build
+directory's reports.
 """
 
 import argparse
 import datetime
 import os
 import re
+import shutil
 import subprocess
 
+IMAGE = re.compile(r"(!\[[^\]]*\]\()([\w.-]+\.(?:svg|png))\)")
 MARKER = re.compile(r"(<!-- report:([\w-]+) -->\n)(.*?)(<!-- /report:\2 -->)", re.S)
 
 
@@ -36,6 +42,17 @@ def rendered(build_dir, group):
     if lines and lines[0].startswith("# "):
         lines = lines[1:]
     return "\n".join(lines).strip() + "\n"
+
+
+def with_images(body, build_dir, doc):
+    """Copies the images `body` links to into figures/ beside `doc`."""
+    def copy(match):
+        figures = os.path.join(os.path.dirname(doc), "figures")
+        os.makedirs(figures, exist_ok=True)
+        shutil.copyfile(os.path.join(build_dir, "reports", match.group(2)),
+                        os.path.join(figures, match.group(2)))
+        return f"{match.group(1)}figures/{match.group(2)})"
+    return IMAGE.sub(copy, body)
 
 
 def source_dir(build_dir):
@@ -70,6 +87,7 @@ def publish(doc, build_dir, groups=None):
         if body is None:
             return match.group(0)
         replaced.append(group)
+        body = with_images(body, build_dir, doc)
         if groups is not None:
             body = provenance(build_dir) + "\n" + body
         return match.group(1) + body + match.group(4)

@@ -9,7 +9,8 @@
 #                                 under load (ctest -j6, each test up to 3
 #                                 times), the device-fault campaigns at full
 #                                 scale, valgrind, the fuzzers, ThreadSanitizer,
-#                                 the suite under ASan+UBSan, and the armhf
+#                                 bench/costs --quick, the suite under
+#                                 ASan+UBSan, and the armhf
 #                                 cross build with its suite under qemu-arm
 #                                 (-j4, each test up to 2 times); ends with a
 #                                 per-stage time table and the suites' ctest
@@ -84,6 +85,7 @@ stage "device faults at full scale" faults_stage
 stage "valgrind memcheck" valgrind_stage
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
+stage "device costs, quick (bench/costs)" costs_stage
 stage "ASan+UBSan build (build/asan)" asan_build
 stage "ASan+UBSan suite" asan_suite
 stage "armhf sysroot and build (build/armhf)" armhf_build

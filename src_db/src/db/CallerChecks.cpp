@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "ConnHandle.h"
 #include "Db.h"
@@ -16,7 +17,9 @@ namespace ipc_db::detail {
 
 namespace {
 
-bool IsIntegerMember(const Member& member) { return member.sql_type == "INTEGER"; }
+bool IsIntegerMember(const Member& member) {
+  return std::string_view(member.sql_type) == std::string_view("INTEGER");
+}
 
 // True when the term's operator reads a character or array value through
 // `value1` (and, for between, `value2`).
@@ -53,17 +56,6 @@ bool CheckTermMember(const DbFilter& term) {
 }
 
 }  // namespace
-
-bool TermNamesColumn(DbFilterOperator op) {
-  switch (op) {
-    case DB_FILTER_OP_AND:
-    case DB_FILTER_OP_LIMIT:
-    case DB_FILTER_OP_OFFSET:
-      return false;
-    default:
-      return op >= DB_FILTER_OP_EQ && op <= DB_FILTER_OP_IN;
-  }
-}
 
 bool CheckMemberType(const Member& member) {
   if (member.type_meta != nullptr) return true;

@@ -60,8 +60,18 @@ bool CheckFilterTerms(const DbFilters& filters);
 bool CheckFilterTerm(const DbFilter& term);
 
 // True for the operators that name a column (and so read the member): the
-// comparisons, the orderings, between, like and in.
-bool TermNamesColumn(DbFilterOperator op);
+// comparisons, the orderings, between, like and in. Inline: the clause text
+// asks it once per term.
+inline bool TermNamesColumn(DbFilterOperator op) {
+  switch (op) {
+    case DB_FILTER_OP_AND:
+    case DB_FILTER_OP_LIMIT:
+    case DB_FILTER_OP_OFFSET:
+      return false;
+    default:
+      return op >= DB_FILTER_OP_EQ && op <= DB_FILTER_OP_IN;
+  }
+}
 
 }  // namespace ipc_db::detail
 

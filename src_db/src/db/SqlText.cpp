@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "Log.h"
 #include "db/FieldText.h"
@@ -29,18 +30,20 @@ bool OpensClause(DbFilterOperator op) {
 
 void LogWrongFormat() { DB_LOG(kLogError, "filter in wrong format\n"); }
 
-// The text that opens the clause, or null when the first term cannot open it.
-const char* ClauseOpening(DbFilterOperator first) {
-  if (first == DB_FILTER_OP_AND || first == DB_FILTER_OP_OFFSET) return nullptr;
+// The text that opens the clause, or an empty view when the first term
+// cannot open it. The texts are views of literals: appending them needs no
+// length count.
+std::string_view ClauseOpening(DbFilterOperator first) {
+  if (first == DB_FILTER_OP_AND || first == DB_FILTER_OP_OFFSET) return std::string_view();
   return OpensClause(first) ? " " : " where ";
 }
 
-// The joint between `current` and the `next` term, or null when an offset
-// does not follow a limit.
-const char* Joint(DbFilterOperator current, DbFilterOperator next) {
+// The joint between `current` and the `next` term, or an empty view when an
+// offset does not follow a limit.
+std::string_view Joint(DbFilterOperator current, DbFilterOperator next) {
   if (!IsClauseOperator(next)) return " and ";
   if (next != DB_FILTER_OP_OFFSET) return " ";
-  return current == DB_FILTER_OP_LIMIT ? " " : nullptr;
+  return current == DB_FILTER_OP_LIMIT ? " " : std::string_view();
 }
 
 void AppendIntegerValue(std::string* sql, const Member* member, const char* field) {
@@ -147,8 +150,8 @@ bool AppendFilterClause(const Table& table, const DbFilters& filters, std::strin
                         BoundBlob* blob) {
   const std::vector<DbFilter*>& terms = filters.filters;
   if (terms.empty()) return true;
-  const char* opening = ClauseOpening(terms[0]->op);
-  if (opening == nullptr) {
+  std::string_view opening = ClauseOpening(terms[0]->op);
+  if (opening.empty()) {
     LogWrongFormat();
     return false;
   }
@@ -162,8 +165,8 @@ bool AppendFilterClause(const Table& table, const DbFilters& filters, std::strin
       AppendTerm(table, terms[i], sql);
     }
     if (i + 1 == terms.size()) break;
-    const char* joint = Joint(terms[i]->op, terms[i + 1]->op);
-    if (joint == nullptr) {
+    std::string_view joint = Joint(terms[i]->op, terms[i + 1]->op);
+    if (joint.empty()) {
       LogWrongFormat();
       return false;
     }

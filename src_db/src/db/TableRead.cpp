@@ -80,13 +80,19 @@ long long Table::get_item(DbFilters& cols, DbFilters& filters,
     std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
     char* records = static_cast<char*>(obj);
     size_t stride = packed ? 0 : meta_data->type_size;
+    // The plan's bounds are copied into the row function, so that the loop
+    // over a row's columns keeps them in registers across the SQLite calls.
+    const ColumnTarget* first = targets.data();
+    const ColumnTarget* last = first + targets.size();
     return RunSelect(*this, cols, filters, itemcnt,
-                     [&](sqlite3_stmt* stmt, unsigned long long row) {
+                     [records, stride, first, last](sqlite3_stmt* stmt,
+                                                    unsigned long long row) {
                        char* base = records + row * stride;
-                       for (size_t i = 0; i < targets.size(); ++i) {
-                         const ColumnTarget& target = targets[i];
-                         CopyColumn(stmt, static_cast<int>(i), target.kind, target.width,
-                                    base + target.offset);
+                       int column = 0;
+                       for (const ColumnTarget* target = first; target != last;
+                            ++target, ++column) {
+                         CopyColumn(stmt, column, target->kind, target->width,
+                                    base + target->offset);
                        }
                      });
   });
