@@ -1,8 +1,12 @@
-# Packaging of libipc_db: installation of the public headers and the platform stand-ins'
-# headers into include/ipc_db, libipc_db.so and libipc_platform.so, a CMake
-# package (find_package(ipc_db CONFIG REQUIRED), targets ipc_db::ipc_db and
-# ipc_db::ipc_platform) and ipc_db.pc for pkg-config. Both package files are
-# relocatable: `cmake --install BUILD --prefix DIR` works for any DIR.
+# Packaging of libipc_db in two install components. Runtime is what goes on
+# the device: libipc_db.so.1 and libipc_platform.so.1 (their versioned
+# files), nothing else. Development is what an application's build needs:
+# the public headers and the platform stand-ins' headers in include/ipc_db,
+# the unversioned .so links, a CMake package (find_package(ipc_db CONFIG
+# REQUIRED), targets ipc_db::ipc_db and ipc_db::ipc_platform), ipc_db.pc for
+# pkg-config and the armhf toolchain file. Both package files are
+# relocatable: `cmake --install BUILD --prefix DIR` works for any DIR, and
+# `--component Runtime --strip` installs the device's payload stripped.
 # Every link of libipc_db.so also reports the size of a stripped copy, the
 # figure that matters on the device's flash (written to libipc_db.size.txt).
 include(CMakePackageConfigHelpers)
@@ -17,8 +21,9 @@ set_target_properties(ipc_db PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS ipc_db ipc_platform EXPORT ipc_dbTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    COMPONENT Runtime NAMELINK_COMPONENT Development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
 
 # The stand-ins' headers go along with the stand-ins only: with the device's
 # own libraries, their headers come from the device's SDK.
@@ -29,10 +34,11 @@ if(NOT IPC_DB_USES_DEVICE_PLATFORM)
        ${CMAKE_CURRENT_SOURCE_DIR}/platform/include/*.h)
   list(APPEND IPC_DB_PUBLIC_HEADERS ${IPC_DB_PLATFORM_HEADERS})
 endif()
-install(FILES ${IPC_DB_PUBLIC_HEADERS} DESTINATION ${IPC_DB_INSTALL_INCLUDEDIR})
+install(FILES ${IPC_DB_PUBLIC_HEADERS} DESTINATION ${IPC_DB_INSTALL_INCLUDEDIR}
+        COMPONENT Development)
 
 install(EXPORT ipc_dbTargets NAMESPACE ipc_db:: FILE ipc_dbTargets.cmake
-        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR})
+        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR} COMPONENT Development)
 configure_package_config_file(
   ${CMAKE_CURRENT_LIST_DIR}/ipc_dbConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfig.cmake
@@ -42,7 +48,13 @@ write_basic_package_version_file(
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_dbConfigVersion.cmake
-        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR})
+        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR} COMPONENT Development)
+# The cross toolchain file goes along, so that an application's own armhf
+# build uses it from the installed package:
+#   -DCMAKE_TOOLCHAIN_FILE=<prefix>/lib/cmake/ipc_db/toolchain-armhf.cmake
+#   -DIPC_DB_ARMHF_SYSROOT=<folder made by scripts/make-armhf-sysroot.sh>
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/toolchain-armhf.cmake
+        DESTINATION ${IPC_DB_INSTALL_CMAKEDIR} COMPONENT Development)
 
 # pkg-config: the prefix is found from the .pc file's own folder.
 set(IPC_DB_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -68,7 +80,7 @@ endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/ipc_db.pc.in
                ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/package/ipc_db.pc
-        DESTINATION ${IPC_DB_PC_DIR})
+        DESTINATION ${IPC_DB_PC_DIR} COMPONENT Development)
 
 # Stripped size, measured on a stripped copy after every link.
 if(CMAKE_STRIP)

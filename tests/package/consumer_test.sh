@@ -3,21 +3,29 @@
 # consumer (examples/consumer) against it twice: with CMake through
 # find_package(ipc_db CONFIG REQUIRED), and with the compiler alone through
 # pkg-config. Runs both programs (under the emulator in a cross build) and
-# prints every command it runs.
+# prints every command it runs. With --cross the CMake build uses the
+# toolchain file installed with the package, and --rpath-link names the
+# sysroot's library folder for the pkg-config link. Then installs the
+# Runtime component alone, stripped, into another prefix: it must hold the
+# versioned shared libraries and nothing else; the files and their sizes go
+# to the --payload-report file.
 #
 # Usage: consumer_test.sh --build-dir DIR --source DIR --cxx COMPILER
-#          [--toolchain FILE] [--cmake-arg ARG]... [--link-flags FLAGS]
-#          [--emulator WORD]...
+#          --payload-report FILE [--cross] [--rpath-link DIR]
+#          [--cmake-arg ARG]... [--link-flags FLAGS] [--emulator WORD]...
 set -euo pipefail
 
-build_dir=""; source_dir=""; cxx=""; toolchain=""; link_flags=""
+build_dir=""; source_dir=""; cxx=""; cross=0; rpath_link=""; link_flags=""
+payload_report=""
 cmake_args=(); emulator=()
 while [[ $# -gt 0 ]]; do
   case "$1" in
     --build-dir) build_dir="$2"; shift 2 ;;
     --source) source_dir="$2"; shift 2 ;;
     --cxx) cxx="$2"; shift 2 ;;
-    --toolchain) toolchain="$2"; shift 2 ;;
+    --cross) cross=1; shift ;;
+    --rpath-link) rpath_link="$2"; shift 2 ;;
+    --payload-report) payload_report="$2"; shift 2 ;;
     --cmake-arg) cmake_args+=("$2"); shift 2 ;;
     --link-flags) link_flags="$2"; shift 2 ;;
     --emulator) emulator+=("$2"); shift 2 ;;
@@ -43,15 +51,21 @@ quiet_step() {
 echo "== install into a fresh prefix"
 echo "+ cmake --install $build_dir --prefix $prefix"
 cmake --install "$build_dir" --prefix "$prefix" >"$work/install.log"
-sed 's/^/   /' "$work/install.log" | grep -E 'Installing: .*(\.so|\.pc|Config\.cmake|ipc_db\.h)$' || true
+sed 's/^/   /' "$work/install.log" | grep -E 'Installing: .*(\.so|\.pc|\.cmake|ipc_db\.h)$' || true
+if [[ -e "$prefix/bin" ]]; then
+  echo "consumer_test: a default install put programs into bin/:" >&2
+  ls -l "$prefix/bin" >&2
+  exit 1
+fi
 
 echo "== consumer built with CMake (find_package(ipc_db CONFIG REQUIRED))"
 configure=(cmake -S "$source_dir" -B "$work/cmake-build" -DCMAKE_BUILD_TYPE=Release)
-if [[ -n "$toolchain" ]]; then
-  # A cross toolchain confines package searches to the target's roots, so
-  # the package folder is named directly.
-  configure+=("-DCMAKE_TOOLCHAIN_FILE=$toolchain"
-              "-Dipc_db_DIR=$(dirname "$(find "$prefix" -name ipc_dbConfig.cmake)")")
+if [[ $cross -eq 1 ]]; then
+  # The installed toolchain file; it confines package searches to the
+  # target's roots, so the package folder is named directly.
+  package_dir="$(dirname "$(find "$prefix" -name ipc_dbConfig.cmake)")"
+  configure+=("-DCMAKE_TOOLCHAIN_FILE=$package_dir/toolchain-armhf.cmake"
+              "-Dipc_db_DIR=$package_dir")
 else
   configure+=("-DCMAKE_PREFIX_PATH=$prefix")
 fi
@@ -67,8 +81,23 @@ step pkg-config --modversion ipc_db
 read -r -a pc_flags <<<"$(pkg-config --cflags --libs ipc_db)"
 libdir="$(pkg-config --variable=libdir ipc_db)"
 read -r -a extra_flags <<<"$link_flags"
+[[ -n "$rpath_link" ]] && extra_flags+=("-Wl,-rpath-link,$rpath_link")
 step "$cxx" -std=c++17 -o "$work/pkg-consumer" "$source_dir/main.cpp" \
   "${pc_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
 step "${emulator[@]}" "$work/pkg-consumer"
+
+echo "== the device's payload: component Runtime, stripped"
+device="$work/device"
+quiet_step cmake --install "$build_dir" --prefix "$device" --component Runtime --strip
+unexpected="$(cd "$device" && find . \( -type f -o -type l \) | grep -vE '^\./lib[^/]*/lib(ipc_db|ipc_platform)\.so\.[0-9.]+$' || true)"
+if [[ -n "$unexpected" ]]; then
+  echo "consumer_test: the Runtime component holds more than the libraries:" >&2
+  echo "$unexpected" >&2
+  exit 1
+fi
+mkdir -p "$(dirname "$payload_report")"
+(cd "$device" && find . -type f -printf '%P %s\n' | sort) | tee "$payload_report"
+[[ $(wc -l <"$payload_report") -eq 2 ]] ||
+  { echo "consumer_test: expected two library files in the payload" >&2; exit 1; }
 
 echo "consumer_test: both consumer builds ran against the installed package"
