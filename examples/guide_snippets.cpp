@@ -66,7 +66,12 @@ void* IntValue(int value) {
 }
 // [/guide:int_value]
 
+// [guide:load_key]
+// Where the 64-character key comes from is the device's business (its secure
+// storage or key service). This stand-in returns a fixed key; replace its
+// body with the read from your key store, and never log what it returns.
 std::string LoadDeviceKey() { return std::string(64, 'k'); }
+// [/guide:load_key]
 
 // [guide:lifecycle]
 // `dir` ends with "/".
@@ -423,6 +428,159 @@ bool IsStorableText(const char* text, size_t fieldSize) {
 //   if (!IsStorableText(event.text, sizeof(event.text))) return kRefused;
 // [/guide:text_check]
 
+
+// [guide:device_time]
+// Seconds since 1970 no longer fit a signed 32-bit INTEGER column after
+// 2038-01-19 03:14:07 UTC. Store seconds since a device epoch instead: a
+// 32-bit count from 2020-01-01 00:00:00 UTC lasts until 2088-01-19, and
+// comparisons, between and ordering on the column work as on any integer.
+constexpr long long kDeviceEpoch = 1577836800;  // 2020-01-01T00:00:00Z
+
+// REQUIRES: unixSeconds between kDeviceEpoch - 2^31 and kDeviceEpoch + 2^31 - 1.
+int ToStoredTime(long long unixSeconds) {
+  return static_cast<int>(unixSeconds - kDeviceEpoch);
+}
+long long FromStoredTime(int stored) { return kDeviceEpoch + stored; }
+// [/guide:device_time]
+
+// [guide:door_record]
+struct DoorEvent {  // version 2; version 1 had no card field
+  int id;           // iId_pa  -> Id INTEGER PRIMARY KEY autoincrement
+  int time;         // iTime_n -> Time INTEGER NOT NULL, device epoch
+  int door;         // iDoor   -> Door INTEGER
+  char card[16];    // cCard   -> Card CHAR(16), added by version 2
+};
+// [/guide:door_record]
+
+Meta cardType, doorMeta;
+
+void DescribeDoorEvent() {
+  cardType.Init("char16", 16);
+  doorMeta.Init("t_door", sizeof(DoorEvent));
+  doorMeta.AddMember(new Member("iId_pa", offsetof(DoorEvent, id), &intType));
+  doorMeta.AddMember(new Member("iTime_n", offsetof(DoorEvent, time), &intType));
+  doorMeta.AddMember(new Member("iDoor", offsetof(DoorEvent, door), &intType));
+  doorMeta.AddMember(new Member("cCard", offsetof(DoorEvent, card), &cardType));
+}
+
+// [guide:migration]
+// True when the CREATE text `sql` has a column named `column`.
+bool HasColumn(const std::string& sql, const std::string& column) {
+  for (size_t at = sql.find(column); at != std::string::npos;
+       at = sql.find(column, at + 1)) {
+    char before = at == 0 ? ' ' : sql[at - 1];
+    char after = at + column.size() < sql.size() ? sql[at + column.size()] : ' ';
+    if ((before == '(' || before == ',' || before == ' ') && after == ' ') return true;
+  }
+  return false;
+}
+
+// Run at every start, whatever version wrote the file. A fresh install gets
+// the table at the current version in one statement; a file of an earlier
+// version gets each column it lacks, one per call. No call here logs an
+// error on a first boot (getTableSql would: it is only asked when the
+// table exists).
+Table* OpenDoorTable(Db& db) {
+  std::string name = "t_door";
+  if (db.getTableStatus(name) == 1) {  // written by some earlier run
+    std::string sql;
+    if (db.getTableSql(name, sql) != 0) return nullptr;
+    for (Member* member : doorMeta.members) {  // in the order versions added them
+      if (HasColumn(sql, db.getName(member->name))) continue;
+      TableChange change(1, member);  // refers to the member; doorMeta owns it
+      const char* initial = member->sql_type == "INTEGER" ? "0" : "";
+      if (db.updateTable(name, change, initial, 1) != 0) return nullptr;
+    }
+  }
+  return db.createTable(&doorMeta, 1);  // creates it, or prepares the members
+}
+// [/guide:migration]
+
+namespace {
+
+// Counts error-level entries (level 3) while a step runs.
+int g_errorEntries = 0;
+void CountErrors(void*, unsigned int, unsigned int level, unsigned int, const char*,
+                 unsigned int, const char*) {
+  if (level == 3) ++g_errorEntries;
+}
+
+// Opens (and for a fresh file creates) `file` in `dir` without a key.
+bool OpenPlain(Db& db, const std::string& dir, const std::string& file) {
+  std::string noKey(64, '\0');
+  return db.Init(0, dir, file, file + "-journal", &noKey[0], 64) == 0 && db.OpenDB() == 0;
+}
+
+void DoorTimes(Table* doors) {
+  // [guide:time_filters]
+  DoorEvent opened = {0, ToStoredTime(2240611200LL), 2, "card 0042"};  // 2041-01-01
+  long long rc = doors->add_item(&opened, 1, DbFilters(0));
+  // The id the row got: Id only grows (autoincrement), so it is the largest
+  // one, as long as nobody else inserts in between.
+  DbFilters idColumn(1, new DbFilter(doorMeta.Get("iId_pa"), DB_FILTER_OP_EQ, nullptr,
+                                     nullptr));
+  DbFilters everyRow;
+  std::string idText;
+  long long lastId = doors->get_item_max(idColumn, everyRow, idText);
+  // Every opening since 2040-01-01, newest first.
+  Member* time = doorMeta.Get("iTime_n");
+  DbFilters since2040(2, new DbFilter(time, DB_FILTER_OP_GE,
+                                      IntValue(ToStoredTime(2208988800LL)), nullptr),
+                      new DbFilter(time, DB_FILTER_OP_ORDER_BY_DESC, nullptr, nullptr));
+  DoorEvent found[4] = {};
+  unsigned long long rows = 4;
+  long long rc2 = doors->get_item(everyRow, since2040, rows, found);
+  // found[0].time: FromStoredTime(found[0].time) == 2240611200
+  // [/guide:time_filters]
+  Check(rc == 0 && rc2 == 0, "add_item and get_item on times past 2038");
+  Check(lastId > 0 && idText == std::to_string(lastId) && found[0].id == lastId,
+        "the largest id is the row just inserted");
+  Check(rows == 2 && FromStoredTime(found[0].time) == 2240611200LL &&
+            FromStoredTime(found[1].time) == 2208988800LL + 60,
+        "times after 2038 stored, filtered and ordered newest first");
+  Check(std::strcmp(found[0].card, "card 0042") == 0 && found[1].card[0] == '\0',
+        "the version-1 row has the added column's default");
+}
+
+// A file written by version 1 of the application: t_door without Card, one
+// row at 2040-01-01 00:01:00.
+void WriteVersion1(const std::string& dir) {
+  Meta v1;
+  v1.Init("t_door", sizeof(DoorEvent));
+  for (const char* name : {"iId_pa", "iTime_n", "iDoor"}) {
+    Member* member = doorMeta.Get(name);
+    v1.AddMember(new Member(member->name, member->offset, member->type_meta));
+  }
+  Db db;
+  Check(OpenPlain(db, dir, "door_v1.db"), "version 1 opens its file");
+  Table* doors = db.createTable(&v1, 1);
+  DoorEvent first = {0, ToStoredTime(2208988800LL + 60), 1, ""};
+  Check(doors != nullptr && doors->add_item(&first, 1, DbFilters(0)) == 0,
+        "version 1 writes a row");
+  delete doors;
+  db.UnInit();
+}
+
+void Migrations(const std::string& dir) {
+  DescribeDoorEvent();
+  WriteVersion1(dir);
+  for (const char* file : {"door_fresh.db", "door_v1.db"}) {
+    Db db;
+    Check(OpenPlain(db, dir, file), "the current version opens the file");
+    g_errorEntries = 0;
+    ZB_SetLogSink(CountErrors, nullptr);
+    Table* doors = OpenDoorTable(db);
+    ZB_SetLogSink(nullptr, nullptr);
+    Check(doors != nullptr && g_errorEntries == 0,
+          "OpenDoorTable: fresh install and upgrade, no error entry");
+    if (doors != nullptr && std::string(file) == "door_v1.db") DoorTimes(doors);
+    delete doors;
+    db.UnInit();
+  }
+}
+
+}  // namespace
+
 namespace {
 
 std::string ScratchDirectory(const char* argument) {
@@ -498,6 +656,7 @@ int main(int argc, char** argv) {
   again.UnInit();
 
   TextChecks();
+  Migrations(dir);
   std::printf("%s: %d failed\n", g_failures == 0 ? "all snippets ran" : "snippets FAILED",
               g_failures);
   return g_failures == 0 ? 0 : 1;
