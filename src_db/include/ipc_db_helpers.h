@@ -1,0 +1,440 @@
+// Companion header of libipc_db: safer ways to use the library's own calls,
+// written only on its public API and compiled into the application (header
+// only, nothing exported, nothing added to the library).
+//
+//   ScopedDb           owns one Db: Init and OpenDB in, CloseDB and UnInit out
+//                      (also when the owner goes out of scope).
+//   FieldType<N>       a type description of N bytes that the compiler knows.
+//   RecordType<S>      the description of struct S; IPC_DB_FIELD adds a member
+//                      whose offset and width come from the field itself and
+//                      does not compile when the width differs from its type
+//                      description's, or an integer field is not 4 bytes.
+//   IntValue, TextValue<N>, NewTerm
+//                      filter term values: an integer in a pointer's bits, a
+//                      text laid out like a field of N bytes with its zero
+//                      byte always inside the value.
+//   ClassifyOpenDb, ClassifyFailure
+//                      what state an opened Db is in (wrong key, plain file,
+//                      damaged, locked, storage full, I/O error, ...), read
+//                      from SQLite's own result code on the connection's
+//                      public handle and from the file's first bytes.
+//
+// None of these throws except the constructors of FieldType and RecordType
+// (std::bad_alloc, as the Meta they hold). The classifier needs SQLCipher's
+// header and library at build time: link the CMake target ipc_db::helpers,
+// or add `sqlcipher` to the pkg-config query.
+//
+// Threads: as the calls they make. A ScopedDb is used as a Db is; classify
+// while no other thread uses the same Db.
+#ifndef IPC_DB_IPC_DB_HELPERS_H_
+#define IPC_DB_IPC_DB_HELPERS_H_
+
+#include <sqlcipher/sqlite3.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <type_traits>
+
+#include "DBConn.h"
+#include "DBTypes.h"
+#include "Db.h"
+#include "DbFilter.h"
+#include "Meta.h"
+#include "SQLiteDBConn.h"
+
+namespace ipc_db {
+
+// ---------------------------------------------------------------------------
+// ScopedDb
+// ---------------------------------------------------------------------------
+
+// Owns one Db from Open to Close. A Db dropped without UnInit keeps its
+// connection, the SQLite handle and the key's copy for the rest of the
+// process; a ScopedDb releases them in its destructor.
+class ScopedDb {
+ public:
+  static constexpr unsigned int kMaxKeyLength = 64;
+
+  ScopedDb() noexcept = default;
+  ~ScopedDb() { Close(); }
+  ScopedDb(const ScopedDb&) = delete;
+  ScopedDb& operator=(const ScopedDb&) = delete;
+
+  // Db::Init with kind 0 and `key_length` bytes of `key`, then Db::OpenDB.
+  // `directory` ends with "/". An empty key (length 0, or a null `key`)
+  // means a plain file. The key is copied into a buffer of this call, wiped
+  // before it returns; the caller keeps its own.
+  // Returns 0 (open). -1 without calling anything when this owner already
+  // holds a Db or the key is longer than kMaxKeyLength; otherwise the
+  // result of the first of Init and OpenDB that failed, and then nothing is
+  // held (a failed OpenDB is followed by UnInit).
+  long long Open(const std::string& directory, const std::string& file,
+                 const std::string& journal, const char* key,
+                 unsigned int key_length) noexcept {
+    if (held_ || key_length > kMaxKeyLength) return -1;
+    char copy[kMaxKeyLength + 1] = {};
+    if (key != nullptr && key_length > 0) std::memcpy(copy, key, key_length);
+    const unsigned int length = key == nullptr ? 0 : key_length;
+    long long result = db_.Init(0, directory, file, journal, copy, length);
+    Wipe(copy, sizeof(copy));
+    if (result != 0) {
+      db_.UnInit();
+      return result;
+    }
+    result = db_.OpenDB();
+    if (result != 0) {
+      db_.UnInit();
+      return result;
+    }
+    held_ = true;
+    return 0;
+  }
+
+  // CloseDB, then UnInit. Returns CloseDB's result (the Db is released
+  // whatever it is); 0 when nothing is held. UnInit after CloseDB logs the
+  // connection layer's notes on a closed connection, as it always does.
+  long long Close() noexcept {
+    if (!held_) return 0;
+    long long result = db_.CloseDB();
+    db_.UnInit();
+    held_ = false;
+    return result;
+  }
+
+  // True between a successful Open and Close.
+  bool held() const noexcept { return held_; }
+  // The owned Db, for every other call. Do not call Init or UnInit on it.
+  Db& db() noexcept { return db_; }
+  Db* operator->() noexcept { return &db_; }
+
+ private:
+  static void Wipe(char* buffer, std::size_t size) noexcept {
+    volatile char* bytes = buffer;
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = 0;
+  }
+
+  Db db_;
+  bool held_ = false;
+};
+
+// ---------------------------------------------------------------------------
+// Descriptions checked by the compiler
+// ---------------------------------------------------------------------------
+
+// A scalar type description of kWidth bytes: the Meta a member of that width
+// refers to. Must outlive every description, Table and filter using it.
+template <unsigned int kWidth>
+class FieldType {
+ public:
+  static_assert(kWidth > 0, "a field has at least one byte");
+  static constexpr unsigned int kFieldWidth = kWidth;
+
+  explicit FieldType(const char* name) { meta_.Init(name, kWidth); }
+  FieldType(const FieldType&) = delete;
+  FieldType& operator=(const FieldType&) = delete;
+
+  Meta* meta() noexcept { return &meta_; }
+
+ private:
+  Meta meta_;
+};
+
+// The description of struct Record: table name, record stride
+// sizeof(Record), and the members added with IPC_DB_FIELD, in order.
+template <typename Record>
+class RecordType {
+ public:
+  using RecordStruct = Record;
+
+  explicit RecordType(const char* table) { meta_.Init(table, sizeof(Record)); }
+  RecordType(const RecordType&) = delete;
+  RecordType& operator=(const RecordType&) = delete;
+
+  Meta* meta() noexcept { return &meta_; }
+
+  // Use through IPC_DB_FIELD, which takes Field, kFieldSize, kTypeLetter and
+  // `offset` from the field itself. Appends a Member and returns it (owned
+  // by the description), or null when Meta::AddMember refused it (a member
+  // of that name exists, logged by the library) or memory ran out.
+  template <typename Field, std::size_t kFieldSize, char kTypeLetter,
+            unsigned int kWidth>
+  Member* AddField(const char* name, std::size_t offset,
+                   FieldType<kWidth>& type) noexcept {
+    static_assert(std::is_same<Field, Record>::value,
+                  "the field belongs to another struct than this description's");
+    static_assert(kFieldSize == kWidth,
+                  "the field's width differs from its type description's width");
+    static_assert(kTypeLetter != 'i' || kFieldSize == 4,
+                  "an integer member (name starting with 'i') must be 4 bytes wide");
+    Member* member = nullptr;
+    try {
+      member = new Member(name, static_cast<unsigned int>(offset), type.meta());
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    if (meta_.AddMember(member) != 1) {
+      delete member;
+      return nullptr;
+    }
+    return member;
+  }
+
+ private:
+  Meta meta_;
+};
+
+}  // namespace ipc_db
+
+// Adds the member `name` (a string literal: its first letter is checked) for
+// `Struct::field` to the RecordType<Struct> `record`, with the FieldType
+// `type`. The offset and the width are the field's own. Evaluates to the new
+// Member* or null (see RecordType::AddField).
+// The whole expansion is parenthesised, so it can stand inside another
+// macro's argument.
+#define IPC_DB_FIELD(record, Struct, field, name, type)                          \
+  ((record).template AddField<Struct, sizeof(Struct::field), (name)[0]>(         \
+      (name), offsetof(Struct, field), (type)))
+
+namespace ipc_db {
+
+// ---------------------------------------------------------------------------
+// Filter term values
+// ---------------------------------------------------------------------------
+
+// The value of a term on an INTEGER member: the number travels in the bits
+// of the pointer argument.
+inline void* IntValue(std::int32_t value) noexcept {
+  return reinterpret_cast<void*>(static_cast<std::intptr_t>(value));
+}
+
+// A text value for a term on a member of kWidth bytes (CHAR, TEXT, datetime
+// or BLOB), laid out like the field with one byte more: the library reads a
+// text value up to one byte past the field's width, and that byte is inside
+// this object and always zero.
+template <unsigned int kWidth>
+class TextValue {
+ public:
+  static constexpr unsigned int kFieldWidth = kWidth;
+
+  // Copies at most kWidth characters of `text` (null: the empty text).
+  explicit TextValue(const char* text) noexcept {
+    std::memset(bytes_, 0, sizeof(bytes_));
+    for (unsigned int i = 0; text != nullptr && i < kWidth && text[i] != '\0'; ++i) {
+      bytes_[i] = text[i];
+    }
+  }
+
+  void* get() noexcept { return bytes_; }
+  const char* c_str() const noexcept { return bytes_; }
+
+ private:
+  char bytes_[kWidth + 1];
+};
+
+// A new term comparing `member` with an integer (ownership goes to the
+// DbFilters it is added to). Null when `member` is null, has no type
+// description, is not 4 bytes wide, or memory ran out.
+inline DbFilter* NewTerm(Member* member, DbFilterOperator op,
+                         std::int32_t value) noexcept {
+  if (member == nullptr || member->type_meta == nullptr ||
+      member->type_meta->type_size != 4) {
+    return nullptr;
+  }
+  return new (std::nothrow) DbFilter(member, op, IntValue(value), nullptr);
+}
+
+// A new term comparing `member` with `value`, which must outlive the term.
+// Null when `member` is null, has no type description, its width is not
+// kWidth, or memory ran out.
+template <unsigned int kWidth>
+DbFilter* NewTerm(Member* member, DbFilterOperator op,
+                  TextValue<kWidth>& value) noexcept {
+  if (member == nullptr || member->type_meta == nullptr ||
+      member->type_meta->type_size != kWidth) {
+    return nullptr;
+  }
+  return new (std::nothrow) DbFilter(member, op, value.get(), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// What state is an opened Db in?
+// ---------------------------------------------------------------------------
+
+enum class DbState : int {
+  kUsable = 0,            // reads work and the file passed quick_check
+  kUsableAfterReopen,     // the first reads failed, a second open reads all:
+                          // a power cut had torn a keyed file's first page
+  kNotOpen,               // no connection, closed, or paused for maintenance
+  kWrongKey,              // a keyed file that this key does not open
+  kKeyOnPlainFile,        // a key was given and the file is not encrypted
+  kNoKeyOnEncryptedFile,  // no key, and the file is encrypted (or not a database)
+  kDamaged,               // SQLITE_CORRUPT, or quick_check found damage
+  kLocked,                // another connection holds a lock (SQLITE_BUSY/LOCKED)
+  kStorageFull,           // SQLITE_FULL: no space left for the file or its journal
+  kIoError,               // SQLITE_IOERR_*: the storage failed a read or a write
+  kOutOfMemory,           // SQLITE_NOMEM
+  kOther,                 // another SQLite code (in sqlite_code), e.g. a constraint
+};
+
+struct DbDiagnosis {
+  DbState state;
+  int sqlite_code;  // the extended SQLite code behind the state; 0 when none
+};
+
+// A short name for logs and reports ("usable", "wrong key", ...).
+inline const char* DbStateName(DbState state) noexcept {
+  switch (state) {
+    case DbState::kUsable: return "usable";
+    case DbState::kUsableAfterReopen: return "usable after a reopen";
+    case DbState::kNotOpen: return "not open";
+    case DbState::kWrongKey: return "wrong key";
+    case DbState::kKeyOnPlainFile: return "key on a plain file";
+    case DbState::kNoKeyOnEncryptedFile: return "no key on an encrypted file";
+    case DbState::kDamaged: return "damaged";
+    case DbState::kLocked: return "locked by another connection";
+    case DbState::kStorageFull: return "storage full";
+    case DbState::kIoError: return "I/O error";
+    case DbState::kOutOfMemory: return "out of memory";
+    case DbState::kOther: return "other";
+  }
+  return "other";
+}
+
+namespace detail {
+
+inline CSqliteDBConn* SqliteConnOf(Db& db) noexcept {
+  return dynamic_cast<CSqliteDBConn*>(db.m_pDBConn);
+}
+
+inline sqlite3* OpenHandleOf(Db& db) noexcept {
+  CSqliteDBConn* conn = SqliteConnOf(db);
+  return conn == nullptr ? nullptr : conn->m_pSqliteDB;
+}
+
+// The state that a failed statement's extended code stands for; kOther for
+// the codes with no state of their own (SQLITE_NOTADB included: the caller
+// tells the key cases apart).
+inline DbState StateOfCode(int code) noexcept {
+  switch (code & 0xff) {
+    case SQLITE_CORRUPT: return DbState::kDamaged;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED: return DbState::kLocked;
+    case SQLITE_FULL: return DbState::kStorageFull;
+    case SQLITE_IOERR: return DbState::kIoError;
+    case SQLITE_NOMEM: return DbState::kOutOfMemory;
+    default: return DbState::kOther;
+  }
+}
+
+// True when the file starts with the header of an unencrypted database.
+inline bool FileIsPlainDatabase(const std::string& path) noexcept {
+  static const char kPlainHeader[16] = "SQLite format 3";  // and its zero byte
+  char header[16] = {};
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  const std::size_t got = std::fread(header, 1, sizeof(header), file);
+  std::fclose(file);
+  return got == sizeof(header) && std::memcmp(header, kPlainHeader, 16) == 0;
+}
+
+// Runs one read of the schema through the library. 0, or the extended code
+// the statement left on the handle.
+inline int ProbeSchema(Db& db) noexcept {
+  DB_EXEC_RESULT result = {0, 0, nullptr};
+  const long long rc = db.m_pDBConn->ExecuteSQL(
+      "select count(*) from sqlite_master;", &result, DB_EXEC_SQL_SYNC);
+  db.m_pDBConn->FreeExecuteResult(&result);
+  if (rc == 0) return 0;
+  sqlite3* handle = OpenHandleOf(db);
+  const int code = handle == nullptr ? SQLITE_ERROR : sqlite3_extended_errcode(handle);
+  return code == SQLITE_OK ? SQLITE_ERROR : code;
+}
+
+// PRAGMA quick_check through the library: kUsable when it answers "ok".
+inline DbDiagnosis QuickCheck(Db& db) noexcept {
+  DB_EXEC_RESULT result = {0, 0, nullptr};
+  const long long rc =
+      db.m_pDBConn->ExecuteSQL("PRAGMA quick_check;", &result, DB_EXEC_SQL_SYNC);
+  bool ok = false;
+  if (rc == 0 && result.iRowCount >= 1 && result.iColumnCount >= 1 &&
+      result.ppszResult != nullptr) {
+    const char* first = result.ppszResult[result.iColumnCount];  // row 1, column 1
+    ok = result.iRowCount == 1 && first != nullptr && std::strcmp(first, "ok") == 0;
+  }
+  db.m_pDBConn->FreeExecuteResult(&result);
+  if (ok) return {DbState::kUsable, 0};
+  if (rc == 0) return {DbState::kDamaged, SQLITE_CORRUPT};
+  sqlite3* handle = OpenHandleOf(db);
+  const int code = handle == nullptr ? SQLITE_ERROR : sqlite3_extended_errcode(handle);
+  const DbState state = StateOfCode(code);
+  return {state == DbState::kOther ? DbState::kDamaged : state, code};
+}
+
+// The file holds something the key does not read (SQLITE_NOTADB on the
+// first read). Tells a plain file, a missing key, a torn first page and a
+// wrong key apart; the last two by closing and opening once more.
+inline DbDiagnosis ClassifyUnreadable(Db& db, int code) noexcept {
+  CSqliteDBConn* conn = SqliteConnOf(db);
+  const bool keyed = conn->m_szEncryptKey[0] != 0;
+  if (!keyed) return {DbState::kNoKeyOnEncryptedFile, code};
+  if (FileIsPlainDatabase(conn->m_strDBFile)) return {DbState::kKeyOnPlainFile, code};
+  // A power cut can tear the first page (whose first bytes derive the page
+  // key) while a rollback journal lies beside it. The first open derives
+  // the key from the torn bytes and rolls the journal back; a second open
+  // reads the restored file. Only a second failure means a wrong key.
+  if (db.CloseDB() != 0 || db.OpenDB() != 0) return {DbState::kNotOpen, code};
+  const int again = ProbeSchema(db);
+  if (again == 0) {
+    const DbDiagnosis check = QuickCheck(db);
+    if (check.state == DbState::kUsable) return {DbState::kUsableAfterReopen, 0};
+    return check;
+  }
+  if ((again & 0xff) == SQLITE_NOTADB) return {DbState::kWrongKey, again};
+  const DbState state = StateOfCode(again);
+  return {state, again};
+}
+
+}  // namespace detail
+
+// Classifies an opened Db by reading it: one read of the schema and then
+// PRAGMA quick_check (which reads every page: on a large file it takes a
+// while). When the first read fails with SQLITE_NOTADB on a keyed file that
+// is not plain, the Db is closed and opened once more (re-apply your
+// after-open settings, such as the journal mode, when the result is
+// kUsableAfterReopen). The statements run through the library, so its log
+// shows them and their failures as usual.
+// REQUIRES: no other thread uses `db` meanwhile. kNotOpen when `db` has no
+// open connection.
+inline DbDiagnosis ClassifyOpenDb(Db& db) noexcept {
+  if (detail::OpenHandleOf(db) == nullptr) return {DbState::kNotOpen, 0};
+  const int code = detail::ProbeSchema(db);
+  if (code == 0) return detail::QuickCheck(db);
+  if ((code & 0xff) == SQLITE_NOTADB) return detail::ClassifyUnreadable(db, code);
+  const DbState state = detail::StateOfCode(code);
+  return {state, code};
+}
+
+// Classifies the failure of the call that just returned its failure value,
+// from the extended code that call's last statement left on the handle:
+// storage full, I/O error, locked, damaged, out of memory; SQLITE_NOTADB
+// goes on as ClassifyOpenDb. Any other code is kOther with that code. No
+// code (the library refused the call before any statement ran, a caller
+// mistake named in the log) is answered by ClassifyOpenDb: kUsable then
+// means the file is fine and the call itself was wrong.
+// REQUIRES: called right after the failed call, before any other call on
+// `db`, and no other thread uses `db` meanwhile.
+inline DbDiagnosis ClassifyFailure(Db& db) noexcept {
+  sqlite3* handle = detail::OpenHandleOf(db);
+  if (handle == nullptr) return {DbState::kNotOpen, 0};
+  const int code = sqlite3_extended_errcode(handle);
+  if (code == SQLITE_OK || (code & 0xff) == SQLITE_NOTADB) return ClassifyOpenDb(db);
+  return {detail::StateOfCode(code), code};
+}
+
+}  // namespace ipc_db
+
+#endif  // IPC_DB_IPC_DB_HELPERS_H_
