@@ -73,6 +73,7 @@ configure+=("${cmake_args[@]}")
 quiet_step "${configure[@]}"
 quiet_step cmake --build "$work/cmake-build"
 step "${emulator[@]}" "$work/cmake-build/ipc_db_consumer"
+step "${emulator[@]}" "$work/cmake-build/ipc_db_helpers_consumer"
 
 echo "== consumer built with pkg-config"
 pc_dir="$(dirname "$(find "$prefix" -name ipc_db.pc)")"
@@ -85,6 +86,13 @@ read -r -a extra_flags <<<"$link_flags"
 step "$cxx" -std=c++17 -o "$work/pkg-consumer" "$source_dir/main.cpp" \
   "${pc_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
 step "${emulator[@]}" "$work/pkg-consumer"
+if [[ $cross -eq 0 ]]; then
+  # The companion header's classifier calls SQLCipher: add its package.
+  read -r -a helpers_flags <<<"$(pkg-config --cflags --libs ipc_db sqlcipher)"
+  step "$cxx" -std=c++17 -o "$work/pkg-helpers-consumer" "$source_dir/helpers_main.cpp" \
+    "${helpers_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
+  step "$work/pkg-helpers-consumer"
+fi
 
 echo "== the device's payload: component Runtime, stripped"
 device="$work/device"
