@@ -304,6 +304,7 @@ TEST_F(EventRecorderTest, AMarkerNamingAnotherKeyStopsTheRunWithAClearMessage) {
                   "open"),
       std::string::npos)
       << output;
+  EXPECT_NE(output.find("events.db (wrong key)"), std::string::npos) << output;
   EXPECT_GT(SqlNumber(1, "select count(*) from t_alarm_event;"), 0);
 }
 

@@ -185,6 +185,18 @@ TEST_F(HelpersTest, ScopedDbCloseReturnsCloseDBsResultAndReleasesTheConnection) 
   EXPECT_EQ(Open(owner, key_), 0) << "an owner opens again after Close";
 }
 
+TEST_F(HelpersTest, ScopedDbCloseAfterTheApplicationsOwnCloseDBOnlyReleases) {
+  ScopedDb owner;
+  ASSERT_EQ(Open(owner, key_), 0);
+  ASSERT_EQ(owner->CloseDB(), 0);
+  LogCapture log;
+  EXPECT_EQ(owner.Close(), 0);
+  EXPECT_EQ(owner->m_pDBConn, nullptr);
+  // Only UnInit's notes on a closed connection, which name the failed close
+  // twice; a second CloseDB would add a third.
+  EXPECT_EQ(log.WithText("CloseConnection failed!error:-202\n").size(), 2u) << log.Dump();
+}
+
 TEST_F(HelpersTest, ScopedDbRefusesASecondOpenAndAnOverLongKeyWithoutCallingAnything) {
   ScopedDb owner;
   ASSERT_EQ(Open(owner, key_), 0);

@@ -36,25 +36,24 @@ constexpr int32_t kQueryChannel = 3;
 constexpr int32_t kTextChannel = 2;
 constexpr int32_t kAckChannel = 1;
 
-// An integer filter value travels in the pointer's bits.
-void* IntValue(long long value) {
-  return reinterpret_cast<void*>(static_cast<intptr_t>(value));
-}
+// An integer filter value travels in the pointer's bits, as a signed
+// 32-bit number: the companion header's IntValue takes nothing wider.
+using ipc_db::IntValue;
 
 DbFilter* Term(Member* member, DbFilterOperator op, void* value1 = nullptr,
                void* value2 = nullptr) {
   return new DbFilter(member, op, value1, value2);
 }
 
-DbFilter* Equal(Member* member, long long value) {
+DbFilter* Equal(Member* member, int32_t value) {
   return Term(member, DB_FILTER_OP_EQ, IntValue(value));
 }
 
 // Limit and offset do not read their member.
-DbFilter* Limit(long long rows) {
+DbFilter* Limit(int32_t rows) {
   return Term(nullptr, DB_FILTER_OP_LIMIT, IntValue(rows));
 }
-DbFilter* Offset(long long rows) {
+DbFilter* Offset(int32_t rows) {
   return Term(nullptr, DB_FILTER_OP_OFFSET, IntValue(rows));
 }
 
@@ -224,7 +223,8 @@ bool Recorder::ChooseKey() {
   if (marker.has_next) {
     // A rotation was interrupted: the file holds one of the two keys.
     bool retried = false;
-    bool next_works = OpenAndProveKey(marker.next, &retried);
+    ipc_db::DbState state = ipc_db::DbState::kNotOpen;
+    bool next_works = OpenAndProveKey(marker.next, &retried, &state);
     ReleaseDatabase();
     if (next_works) {
       if (!keys_.PromoteNext(&error)) return Fail(error);
@@ -245,13 +245,15 @@ bool Recorder::ChooseKey() {
 bool Recorder::OpenDatabase() {
   Stopwatch clock;
   bool retried = false;
-  if (!OpenAndProveKey(figures_.key_generation, &retried)) {
-    return Fail(Format("the key of generation %u does not open %s",
-                       figures_.key_generation, DatabasePath().c_str()));
+  ipc_db::DbState state = ipc_db::DbState::kNotOpen;
+  if (!OpenAndProveKey(figures_.key_generation, &retried, &state)) {
+    return Fail(Format("the key of generation %u does not open %s (%s)",
+                       figures_.key_generation, DatabasePath().c_str(),
+                       ipc_db::DbStateName(state)));
   }
   report_.Step(label_,
                Format("%s with a 64-character key, status %u (1 = open)%s",
-                      DatabasePath().c_str(), db_.GetDBStatus(),
+                      DatabasePath().c_str(), db_->GetDBStatus(),
                       retried ? "; the first open after a power cut failed its reads, "
                                 "the second read every row"
                               : ""),
@@ -261,7 +263,7 @@ bool Recorder::OpenDatabase() {
 
 bool Recorder::ChooseJournalMode() {
   Stopwatch clock;
-  long long result = db_.SetJournalAttr(DB_JOURNAL_WAL);
+  long long result = db_->SetJournalAttr(DB_JOURNAL_WAL);
   if (result != 0) return Fail(Format("SetJournalAttr(WAL) returned %lld", result));
   report_.Step(label_, "WAL (set after open: every open resets it to DELETE)",
                clock.Ms());
@@ -272,19 +274,19 @@ bool Recorder::CreateTables() {
   Stopwatch clock;
   std::string event_table = kEventTable;
   std::string config_table = kConfigTable;
-  bool events_existed = db_.getTableStatus(event_table) == 1;
-  bool config_existed = db_.getTableStatus(config_table) == 1;
+  bool events_existed = db_->getTableStatus(event_table) == 1;
+  bool config_existed = db_->getTableStatus(config_table) == 1;
   if (events_existed) {
     std::string sql;
-    if (db_.getTableSql(event_table, sql) != 0) return Fail("getTableSql failed");
+    if (db_->getTableSql(event_table, sql) != 0) return Fail("getTableSql failed");
     // The stored CREATE text carries every column added by ALTER TABLE.
     if (sql.find("Severity") != std::string::npos && !schema_.AdoptSeverity()) {
       return Fail("the Severity member was refused");
     }
   }
   figures_.schema_version = schema_.has_severity() ? 2 : 1;
-  events_.reset(db_.createTable(&schema_.event_meta, 1));
-  config_.reset(db_.createTable(&schema_.config_meta, 1));
+  events_.reset(db_->createTable(&schema_.event_meta, 1));
+  config_.reset(db_->createTable(&schema_.config_meta, 1));
   if (!events_ || !config_) return Fail("createTable returned null");
   report_.Step(label_,
                Format("%s %s (schema version %d), %s %s", kEventTable,
@@ -372,7 +374,7 @@ bool Recorder::AddIndexes() {
       return Fail(Format("add_index %s failed", index.first));
     }
     if (!text.empty()) text += ", ";
-    text += Format("%s on %s %s", index.first, db_.getName(index.second->name).c_str(),
+    text += Format("%s on %s %s", index.first, db_->getName(index.second->name).c_str(),
                    exists ? "(already there)" : "(created)");
   }
   report_.Step(label_, text, clock.Ms());
@@ -654,7 +656,7 @@ bool Recorder::MigrateSchema() {
   } else {
     Member* severity = schema_.pending_severity();
     TableChange change(1, severity);
-    if (db_.updateTable(kEventTable, change, "1", 1) != 0)
+    if (db_->updateTable(kEventTable, change, "1", 1) != 0)
       return Fail("updateTable failed");
     if (!schema_.AdoptSeverity()) return Fail("the Severity member was refused");
     const int32_t high[] = {kIntrusion, kTamper};
@@ -672,7 +674,7 @@ bool Recorder::MigrateSchema() {
   report_.Detail(read_back);
   std::string sql;
   std::string table = kEventTable;
-  if (db_.getTableSql(table, sql) != 0) return Fail("getTableSql failed");
+  if (db_->getTableSql(table, sql) != 0) return Fail("getTableSql failed");
   report_.Detail("stored: " + sql);
   return true;
 }
@@ -707,7 +709,7 @@ bool Recorder::RotateKey() {
   std::string error;
   if (!keys_.WriteNext(next, &error)) return Fail(error);
   std::string key = KeyForGeneration(next);
-  long long result = db_.reEncryptDB(key.c_str(), kKeyLength);
+  long long result = db_->reEncryptDB(key.c_str(), kKeyLength);
   std::fill(key.begin(), key.end(), '\0');
   if (result != 0) {
     keys_.DropNext(&error);
@@ -719,10 +721,13 @@ bool Recorder::RotateKey() {
   // Prove it: close, open again with the new key only, and count.
   ReleaseDatabase();
   long long count = 0;
-  if (!OpenWithGeneration(next) || !KeyOpensDatabase()) {
-    return Fail("the new key does not open the database");
+  bool retried = false;
+  ipc_db::DbState state = ipc_db::DbState::kNotOpen;
+  if (!OpenAndProveKey(next, &retried, &state)) {
+    return Fail(Format("the new key does not open the database (%s)",
+                       ipc_db::DbStateName(state)));
   }
-  events_.reset(db_.createTable(&schema_.event_meta, 1));
+  events_.reset(db_->createTable(&schema_.event_meta, 1));
   if (!events_ || !CountAll(&count))
     return Fail("cannot read the events with the new key");
   if (count != figures_.events_stored) {
@@ -742,7 +747,7 @@ bool Recorder::Vacuum() {
   Stopwatch clock;
   long long before = FileSize(DatabasePath());
   long long table_result = events_->table_vacuum();
-  if (db_.db_vacuum() != 0) return Fail("db_vacuum failed");
+  if (db_->db_vacuum() != 0) return Fail("db_vacuum failed");
   figures_.file_bytes = FileSize(DatabasePath());
   report_.Step(label_,
                Format("db_vacuum: %s -> %s", SizeText(before).c_str(),
@@ -761,10 +766,10 @@ bool Recorder::CloseDatabase() {
   Stopwatch clock;
   events_.reset();
   config_.reset();
-  long long result = db_.CloseDB();
+  long long result = db_->CloseDB();
   if (result != 0) return Fail(Format("CloseDB returned %lld", result));
-  unsigned int status = db_.GetDBStatus();
-  db_.UnInit();
+  unsigned int status = db_->GetDBStatus();
+  db_.Close();  // UnInit only: the database is closed already
   report_.Step(label_, Format("CloseDB, status %u (0 = closed), UnInit", status),
                clock.Ms());
   return true;
@@ -817,45 +822,35 @@ bool Recorder::Fail(const std::string& reason) {
 long long Recorder::OpenQuietly(unsigned int generation) {
   std::string key = KeyForGeneration(generation);
   long long result =
-      db_.Init(0, directory_, kDatabaseFile, kJournalFile, &key[0], kKeyLength);
-  std::fill(key.begin(), key.end(), '\0');  // Init copied it
-  return result != 0 ? result : db_.OpenDB();
-}
-
-bool Recorder::OpenWithGeneration(unsigned int generation) {
-  long long result = OpenQuietly(generation);
-  if (result != 0) return Fail(Format("Db::Init/Db::OpenDB returned %lld", result));
-  return true;
+      db_.Open(directory_, kDatabaseFile, kJournalFile, key.data(), kKeyLength);
+  std::fill(key.begin(), key.end(), '\0');  // Open copied it
+  return result;
 }
 
 // sqlite3_key only records the key: the first read shows whether it fits.
-bool Recorder::KeyOpensDatabase() {
-  DB_EXEC_RESULT result = {0, 0, nullptr};
-  long long code = db_.m_pDBConn->ExecuteSQL("select count(*) from sqlite_master;",
-                                             &result, DB_EXEC_SQL_SYNC);
-  db_.m_pDBConn->FreeExecuteResult(&result);
-  return code == 0;
-}
-
-// A failed first read is not yet a wrong key. A power cut that tore the
+// The companion header's classifier makes that read and PRAGMA quick_check.
+// A failed first read is not yet a wrong key: a power cut that tore the
 // file's first page while a rollback journal lay beside it leaves a file
 // whose first open derives the key from the torn salt and fails every read
 // ("file is encrypted or is not a database"); that open rolls the journal
 // back, and a second open reads every row. Discarding or re-keying the file
-// on the first failure would lose it all. So the first failure is retried
-// once after closing; only a second failure means the key does not fit.
-bool Recorder::OpenAndProveKey(unsigned int generation, bool* retried) {
+// on the first failure would lose it all, so the classifier closes and
+// opens once more before it calls the key wrong (kUsableAfterReopen when
+// the second open reads).
+bool Recorder::OpenAndProveKey(unsigned int generation, bool* retried,
+                               ipc_db::DbState* state) {
   *retried = false;
-  if (OpenQuietly(generation) == 0 && KeyOpensDatabase()) return true;
-  ReleaseDatabase();
-  *retried = true;
-  return OpenQuietly(generation) == 0 && KeyOpensDatabase();
+  *state = ipc_db::DbState::kNotOpen;
+  if (OpenQuietly(generation) != 0) return false;
+  *state = ipc_db::ClassifyOpenDb(db_.db()).state;
+  *retried = *state == ipc_db::DbState::kUsableAfterReopen;
+  return *state == ipc_db::DbState::kUsable || *retried;
 }
 
 void Recorder::ReleaseDatabase() {
   events_.reset();
   config_.reset();
-  db_.UnInit();  // closes first when open; nothing when empty
+  db_.Close();  // CloseDB and UnInit when open; nothing when empty
 }
 
 bool Recorder::Count(DbFilters& filters, long long* count) {
@@ -875,7 +870,7 @@ bool Recorder::InsertBatch(std::vector<AlarmEvent>& batch, size_t count) {
   if (count > 1) {
     // add_item leaves its transaction open after a failure: end it here so
     // that the rows of the failed batch do not linger.
-    db_.m_pDBConn->ExecuteSQL("rollback;", nullptr, DB_EXEC_SQL_SYNC);
+    db_->m_pDBConn->ExecuteSQL("rollback;", nullptr, DB_EXEC_SQL_SYNC);
   }
   return Fail(
       Format("add_item of a batch of %zu events failed (batch rolled back)", count));
@@ -924,7 +919,7 @@ bool Recorder::WriteConfig(const char* name, const std::string& value) {
 bool Recorder::IndexExists(const char* name) {
   std::string sql = Format(
       "select count(*) from sqlite_master where type = 'index' and name = '%s'", name);
-  return db_.m_pDBConn->GetCountOfSQLResult(sql.c_str()) > 0;
+  return db_->m_pDBConn->GetCountOfSQLResult(sql.c_str()) > 0;
 }
 
 bool Recorder::SetSeverityForTypes(int32_t severity, const int32_t* types, int count) {

@@ -15,6 +15,7 @@
 #include "Records.h"
 #include "Report.h"
 #include "ipc_db.h"
+#include "ipc_db_helpers.h"
 
 namespace recorder {
 
@@ -90,14 +91,10 @@ class Recorder {
   bool Fail(const std::string& reason);
   // Init and OpenDB with `generation`'s key: 0 or the first failure's code.
   long long OpenQuietly(unsigned int generation);
-  // OpenQuietly, reporting a failure.
-  bool OpenWithGeneration(unsigned int generation);
-  bool KeyOpensDatabase();
-  // Opens with `generation`'s key and proves it with a first read; on a
-  // failure closes, opens once more and reads again (see the .cpp). True
-  // when a read succeeded, the database left open; `retried` tells whether
-  // the second open was needed.
-  bool OpenAndProveKey(unsigned int generation, bool* retried);
+  // Opens with `generation`'s key and classifies the file (see the .cpp).
+  // True when it is usable, the database left open; `retried` tells whether
+  // the classifier needed a second open, `state` what it found.
+  bool OpenAndProveKey(unsigned int generation, bool* retried, ipc_db::DbState* state);
   void ReleaseDatabase();
   bool Count(DbFilters& filters, long long* count);
   bool CountAll(long long* count);
@@ -118,7 +115,7 @@ class Recorder {
   int32_t now_ = 0;
   RecorderSchema schema_;
   KeyStore keys_;
-  Db db_;
+  ipc_db::ScopedDb db_;  // released by ReleaseDatabase and the destructor
   std::unique_ptr<Table> events_;
   std::unique_ptr<Table> config_;
   bool migrated_this_run_ = false;

@@ -1,6 +1,7 @@
-// Builds the schema descriptions of the event recorder's records: one Meta
-// per field width, one per table and one per read-side layout, each field a
-// Member with its decorated name and its offset in the C struct.
+// Builds the schema descriptions of the event recorder's records: one type
+// description per field width, one per table and one per read-side layout,
+// each field a Member with its decorated name, its offset and its width
+// taken from the C struct (checked by the compiler).
 #include "Records.h"
 
 #include <cstddef>
@@ -38,51 +39,50 @@ int32_t SeverityOf(int32_t type) {
 }
 
 RecorderSchema::RecorderSchema()
-    : text_row_member("cText", offsetof(TextRow, text), &text_type) {
-  int32_type.Init("int32", sizeof(int32_t));
-  text_type.Init("char48", kTextSize);
-  thumb_type.Init("thumb64", kThumbSize);
-  config_name_type.Init("char32", kConfigNameSize);
-  config_value_type.Init("char64", kConfigValueSize);
-
+    : event_meta(*event_type.meta()),
+      config_meta(*config_type.meta()),
+      brief_meta(*brief_type.meta()),
+      severity_row_meta(*severity_row_type.meta()),
+      text_row_meta(*text_row_type.meta()),
+      text_row_member("cText", offsetof(TextRow, text), text_type.meta()) {
   // Column order is member order. With plain column names (analyze_name 1)
   // iId_pa becomes "Id INTEGER PRIMARY KEY autoincrement", cText "Text
   // CHAR(48)", bThumb "Thumb BLOB".
-  event_meta.Init(kEventTable, sizeof(AlarmEvent));
-  id = AddColumn(event_meta, "iId_pa", offsetof(AlarmEvent, id), &int32_type);
-  time = AddColumn(event_meta, "iTime_n", offsetof(AlarmEvent, time), &int32_type);
+  id = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, id, "iId_pa", int32_type));
+  time = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, time, "iTime_n", int32_type));
   channel =
-      AddColumn(event_meta, "iChannel_n", offsetof(AlarmEvent, channel), &int32_type);
-  type = AddColumn(event_meta, "iType_n", offsetof(AlarmEvent, type), &int32_type);
-  acked = AddColumn(event_meta, "iAcked_d", offsetof(AlarmEvent, acked), &int32_type);
-  text = AddColumn(event_meta, "cText", offsetof(AlarmEvent, text), &text_type);
-  thumb = AddColumn(event_meta, "bThumb", offsetof(AlarmEvent, thumb), &thumb_type);
+      Accepted(IPC_DB_FIELD(event_type, AlarmEvent, channel, "iChannel_n", int32_type));
+  type = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, type, "iType_n", int32_type));
+  acked = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, acked, "iAcked_d", int32_type));
+  text = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, text, "cText", text_type));
+  thumb = Accepted(IPC_DB_FIELD(event_type, AlarmEvent, thumb, "bThumb", thumb_type));
+  // Added to the description only once the table has the column, so it is
+  // made apart; its width is checked here instead.
+  static_assert(sizeof(AlarmEvent::severity) == sizeof(int32_t),
+                "iSeverity is an integer member: 4 bytes");
   pending_severity_ = std::make_unique<Member>(
       "iSeverity", static_cast<unsigned int>(offsetof(AlarmEvent, severity)),
-      &int32_type);
+      int32_type.meta());
 
-  config_meta.Init(kConfigTable, sizeof(ConfigEntry));
-  config_name =
-      AddColumn(config_meta, "cName_pn", offsetof(ConfigEntry, name), &config_name_type);
-  config_value =
-      AddColumn(config_meta, "cValue", offsetof(ConfigEntry, value), &config_value_type);
-  config_updated =
-      AddColumn(config_meta, "iUpdated", offsetof(ConfigEntry, updated), &int32_type);
+  config_name = Accepted(
+      IPC_DB_FIELD(config_type, ConfigEntry, name, "cName_pn", config_name_type));
+  config_value = Accepted(
+      IPC_DB_FIELD(config_type, ConfigEntry, value, "cValue", config_value_type));
+  config_updated = Accepted(
+      IPC_DB_FIELD(config_type, ConfigEntry, updated, "iUpdated", int32_type));
 
   // Read-side layouts: the same decorated names and widths as the table's
   // members, at offsets of their own structs.
-  brief_meta.Init("alarm_brief", sizeof(AlarmBrief));
-  AddColumn(brief_meta, "iType_n", offsetof(AlarmBrief, type), &int32_type);
-  AddColumn(brief_meta, "cText", offsetof(AlarmBrief, text), &text_type);
-  AddColumn(brief_meta, "iTime_n", offsetof(AlarmBrief, time), &int32_type);
+  Accepted(IPC_DB_FIELD(brief_type, AlarmBrief, type, "iType_n", int32_type));
+  Accepted(IPC_DB_FIELD(brief_type, AlarmBrief, text, "cText", text_type));
+  Accepted(IPC_DB_FIELD(brief_type, AlarmBrief, time, "iTime_n", int32_type));
 
-  severity_row_meta.Init("severity_row", sizeof(SeverityRow));
-  AddColumn(severity_row_meta, "iId_pa", offsetof(SeverityRow, id), &int32_type);
-  AddColumn(severity_row_meta, "iType_n", offsetof(SeverityRow, type), &int32_type);
-  AddColumn(severity_row_meta, "iSeverity", offsetof(SeverityRow, severity), &int32_type);
+  Accepted(IPC_DB_FIELD(severity_row_type, SeverityRow, id, "iId_pa", int32_type));
+  Accepted(IPC_DB_FIELD(severity_row_type, SeverityRow, type, "iType_n", int32_type));
+  Accepted(
+      IPC_DB_FIELD(severity_row_type, SeverityRow, severity, "iSeverity", int32_type));
 
-  text_row_meta.Init("text_row", sizeof(TextRow));
-  AddColumn(text_row_meta, "cText", offsetof(TextRow, text), &text_type);
+  Accepted(IPC_DB_FIELD(text_row_type, TextRow, text, "cText", text_type));
 }
 
 bool RecorderSchema::AdoptSeverity() {
@@ -94,14 +94,9 @@ bool RecorderSchema::AdoptSeverity() {
   return true;
 }
 
-Member* RecorderSchema::AddColumn(Meta& meta, const char* name, unsigned int offset,
-                                  Meta* type) {
-  auto member = std::make_unique<Member>(name, offset, type);
-  if (meta.AddMember(member.get()) != 1) {
-    ok_ = false;
-    return nullptr;
-  }
-  return member.release();  // the Meta owns it now
+Member* RecorderSchema::Accepted(Member* member) {
+  if (member == nullptr) ok_ = false;
+  return member;
 }
 
 }  // namespace recorder

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "ipc_db.h"
+#include "ipc_db_helpers.h"
 
 namespace recorder {
 
@@ -76,8 +77,10 @@ struct TextRow {
   char text[kTextSize];
 };
 
-// The descriptions of all of the above. Builds them in its constructor;
-// ok() tells whether every member was accepted. Not copyable (Meta is not).
+// The descriptions of all of the above, built with the companion header:
+// every member takes its offset and width from its field, and a width that
+// differs from its type description's does not compile. ok() tells whether
+// every member was accepted. Not copyable (Meta is not).
 class RecorderSchema {
  public:
   RecorderSchema();
@@ -92,16 +95,18 @@ class RecorderSchema {
   // table has the column (after Db::updateTable, or when a run finds it).
   bool AdoptSeverity();
 
-  // Scalar types: the type_size of each is the width of a field.
-  Meta int32_type;
-  Meta text_type;
-  Meta thumb_type;
-  Meta config_name_type;
-  Meta config_value_type;
+  // Scalar types: the width of each is the width of the fields using it.
+  ipc_db::FieldType<sizeof(int32_t)> int32_type{"int32"};
+  ipc_db::FieldType<kTextSize> text_type{"char48"};
+  ipc_db::FieldType<kThumbSize> thumb_type{"thumb64"};
+  ipc_db::FieldType<kConfigNameSize> config_name_type{"char32"};
+  ipc_db::FieldType<kConfigValueSize> config_value_type{"char64"};
 
   // Tables.
-  Meta event_meta;
-  Meta config_meta;
+  ipc_db::RecordType<AlarmEvent> event_type{kEventTable};
+  ipc_db::RecordType<ConfigEntry> config_type{kConfigTable};
+  Meta& event_meta;
+  Meta& config_meta;
   Member* id = nullptr;
   Member* time = nullptr;
   Member* channel = nullptr;
@@ -115,13 +120,17 @@ class RecorderSchema {
   Member* config_updated = nullptr;
 
   // Read-side layouts (not registered, not tables).
-  Meta brief_meta;
-  Meta severity_row_meta;
-  Meta text_row_meta;
+  ipc_db::RecordType<AlarmBrief> brief_type{"alarm_brief"};
+  ipc_db::RecordType<SeverityRow> severity_row_type{"severity_row"};
+  ipc_db::RecordType<TextRow> text_row_type{"text_row"};
+  Meta& brief_meta;
+  Meta& severity_row_meta;
+  Meta& text_row_meta;
   Member text_row_member;  // for get_item_sz: cText at offset 0
 
  private:
-  Member* AddColumn(Meta& meta, const char* name, unsigned int offset, Meta* type);
+  // Notes a member the description refused.
+  Member* Accepted(Member* member);
 
   bool ok_ = true;
   std::unique_ptr<Member> pending_severity_;

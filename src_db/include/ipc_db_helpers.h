@@ -94,12 +94,13 @@ class ScopedDb {
     return 0;
   }
 
-  // CloseDB, then UnInit. Returns CloseDB's result (the Db is released
-  // whatever it is); 0 when nothing is held. UnInit after CloseDB logs the
-  // connection layer's notes on a closed connection, as it always does.
+  // CloseDB when the database is still open, then UnInit. Returns
+  // CloseDB's result (the Db is released whatever it is); 0 when nothing is
+  // held or it was closed already. UnInit of a closed connection logs the
+  // connection layer's notes on it, as it always does.
   long long Close() noexcept {
     if (!held_) return 0;
-    long long result = db_.CloseDB();
+    long long result = db_.GetDBStatus() == 1 ? db_.CloseDB() : 0;
     db_.UnInit();
     held_ = false;
     return result;
