@@ -12,11 +12,13 @@
 #include <cstdio>
 #include <cstring>
 #include <list>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "ipc_db.h"
+#include "ipc_db_helpers.h"
 #include "zb_log.h"
 
 namespace {
@@ -581,7 +583,76 @@ void Migrations(const std::string& dir) {
 
 }  // namespace
 
+// [guide:helpers_describe]
+// The Event of section 1 described with the companion header: each member's
+// offset and width come from its field. Describing `text` with intType, or
+// an `i` member that is not 4 bytes wide, does not compile.
+ipc_db::FieldType<sizeof(int)> checkedInt("int");
+ipc_db::FieldType<sizeof(Event::text)> checkedText("char32");
+ipc_db::FieldType<sizeof(Event::thumb)> checkedThumb("thumb16");
+ipc_db::RecordType<Event> checkedEvent("t_event");
+
+bool DescribeEventChecked() {
+  return IPC_DB_FIELD(checkedEvent, Event, id, "iId_pa", checkedInt) != nullptr &&
+         IPC_DB_FIELD(checkedEvent, Event, time, "iTime_n", checkedInt) != nullptr &&
+         IPC_DB_FIELD(checkedEvent, Event, channel, "iChannel", checkedInt) != nullptr &&
+         IPC_DB_FIELD(checkedEvent, Event, text, "cText", checkedText) != nullptr &&
+         IPC_DB_FIELD(checkedEvent, Event, thumb, "bThumb", checkedThumb) != nullptr;
+}
+// [/guide:helpers_describe]
+
+// [guide:helpers_open]
+// Opens, proves the key and the file, counts, and releases the Db on every
+// return path. Returns the number of events, or -1 with `why` filled in.
+long long CountEventsSafely(const std::string& dir, std::string& why) {
+  ipc_db::ScopedDb owner;  // CloseDB and UnInit when it goes out of scope
+  std::string key = LoadDeviceKey();
+  long long rc = owner.Open(dir, "events.db", "events.db-journal", key.data(), 64);
+  if (rc != 0) {
+    why = "open failed: " + std::to_string(rc);
+    return -1;
+  }
+  ipc_db::DbDiagnosis state = ipc_db::ClassifyOpenDb(owner.db());
+  if (state.state != ipc_db::DbState::kUsable &&
+      state.state != ipc_db::DbState::kUsableAfterReopen) {
+    why = ipc_db::DbStateName(state.state);  // "wrong key", "damaged", ...
+    return -1;
+  }
+  owner->SetJournalAttr(DB_JOURNAL_WAL);  // after-open settings, as always
+  std::unique_ptr<Table> events(owner->createTable(checkedEvent.meta(), 1));
+  if (!events) {
+    why = ipc_db::DbStateName(ipc_db::ClassifyFailure(owner.db()).state);
+    return -1;
+  }
+  ipc_db::TextValue<sizeof(Event::text)> text("line crossing%");  // zero byte inside
+  DbFilters filters(2, ipc_db::NewTerm(checkedEvent.meta()->Get("iChannel"),
+                                       DB_FILTER_OP_EQ, 1),
+                    ipc_db::NewTerm(checkedEvent.meta()->Get("cText"),
+                                    DB_FILTER_OP_LIKE, text));
+  long long count = events->get_item_cnt(filters);
+  if (count < 0) why = ipc_db::DbStateName(ipc_db::ClassifyFailure(owner.db()).state);
+  return count;
+}
+// [/guide:helpers_open]
+
 namespace {
+
+void HelperChecks(const std::string& dir) {
+  Check(DescribeEventChecked() && checkedEvent.meta()->members.size() == 5,
+        "the checked description has the five members");
+  std::string why;
+  long long count = CountEventsSafely(dir, why);
+  if (count < 0) std::printf("      CountEventsSafely: %s\n", why.c_str());
+  Check(count >= 0, "ScopedDb and the classifier: the file is usable");
+  Db wrong;
+  std::string otherKey(64, 'w');
+  wrong.Init(0, dir, "events.db", "events.db-journal", &otherKey[0], 64);
+  wrong.OpenDB();
+  ipc_db::DbDiagnosis state = ipc_db::ClassifyOpenDb(wrong);
+  Check(state.state == ipc_db::DbState::kWrongKey && state.sqlite_code == 26,
+        "the classifier names a wrong key (SQLite code 26)");
+  wrong.UnInit();
+}
 
 std::string ScratchDirectory(const char* argument) {
   std::string dir = argument;
@@ -636,6 +707,7 @@ int main(int argc, char** argv) {
   DescribeEvent();
   Check(eventMeta.members.size() == 5, "five members described");
   Check(RecordSomething(dir) == 0, "lifecycle: init, open, create, close, uninit");
+  HelperChecks(dir);  // on the file as RecordSomething left it
 
   Db db;
   Check(Status(db) == 2, "GetDBStatus of an empty Db is 2");
