@@ -375,8 +375,8 @@ TEST_F(HelpersTest, ClassifiesNoKeyOnAnEncryptedFile) {
   EXPECT_EQ(CountDirectly(key_), 100);
 }
 
-// Overwrites the middle of one page in the second half of the file: the
-// schema on page 1 stays readable, the table's rows on that page do not.
+// Overwrites 1500 bytes in the second half of the file (a page or two of
+// the table's rows): the schema on page 1 stays readable, those rows do not.
 void DamageAPageInTheMiddle(const std::string& path) {
   const auto size = std::filesystem::file_size(path);
   const std::streamoff page = 4096;
