@@ -65,13 +65,15 @@ class ScopedDb {
   ScopedDb& operator=(const ScopedDb&) = delete;
 
   // Db::Init with kind 0 and `key_length` bytes of `key`, then Db::OpenDB.
-  // `directory` ends with "/". An empty key (length 0, or a null `key`)
+  // `directory` ends with "/" (the file names are appended to it). An empty key (length 0, or a null `key`)
   // means a plain file. The key is copied into a buffer of this call, wiped
   // before it returns; the caller keeps its own.
   // Returns 0 (open). -1 without calling anything when this owner already
   // holds a Db or the key is longer than kMaxKeyLength; otherwise the
   // result of the first of Init and OpenDB that failed, and then nothing is
   // held (a failed OpenDB is followed by UnInit).
+  // REQUIRES: `key` holds `key_length` bytes (a key shorter than its length
+  // cannot be detected).
   long long Open(const std::string& directory, const std::string& file,
                  const std::string& journal, const char* key,
                  unsigned int key_length) noexcept {
@@ -134,10 +136,12 @@ class FieldType {
   static_assert(kWidth > 0, "a field has at least one byte");
   static constexpr unsigned int kFieldWidth = kWidth;
 
+  // A Meta named `name` of kWidth bytes. Throws std::bad_alloc as Meta does.
   explicit FieldType(const char* name) { meta_.Init(name, kWidth); }
   FieldType(const FieldType&) = delete;
   FieldType& operator=(const FieldType&) = delete;
 
+  // The description that members refer to; owned by this object.
   Meta* meta() noexcept { return &meta_; }
 
  private:
@@ -151,10 +155,14 @@ class RecordType {
  public:
   using RecordStruct = Record;
 
+  // A Meta named `table` of sizeof(Record) bytes, with no members yet.
+  // Throws std::bad_alloc as Meta does.
   explicit RecordType(const char* table) { meta_.Init(table, sizeof(Record)); }
   RecordType(const RecordType&) = delete;
   RecordType& operator=(const RecordType&) = delete;
 
+  // The description to give createTable, Table and the reads; owned by
+  // this object (with its members), which must outlive every use.
   Meta* meta() noexcept { return &meta_; }
 
   // Use through IPC_DB_FIELD, which takes Field, kFieldSize, kTypeLetter and
@@ -229,7 +237,9 @@ class TextValue {
     }
   }
 
+  // The value pointer for a DbFilter; valid while this object lives.
   void* get() noexcept { return bytes_; }
+  // The text held, zero-terminated.
   const char* c_str() const noexcept { return bytes_; }
 
  private:
@@ -281,9 +291,12 @@ enum class DbState : int {
   kOther,                 // another SQLite code (in sqlite_code), e.g. a constraint
 };
 
+// What the classifier found.
 struct DbDiagnosis {
   DbState state;
-  int sqlite_code;  // the extended SQLite code behind the state; 0 when none
+  // The extended SQLite code behind the state (SQLITE_CORRUPT also when
+  // quick_check reported damage); 0 when none.
+  int sqlite_code;
 };
 
 // A short name for logs and reports ("usable", "wrong key", ...).
