@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "ReliabilityTestSupport.h"
 #include "TestSupport.h"
 
 #if defined(IPC_DB_EVENT_RECORDER)
@@ -26,6 +27,7 @@
 
 namespace {
 
+using ipc_db_test::MakeTornFirstPage;
 using ipc_db_test::ReadFileBytes;
 using ipc_db_test::RunCommand;
 using ipc_db_test::TempDir;
@@ -229,35 +231,6 @@ TEST_F(RecorderCheck, AnInterruptedRotationBeforeTheReKeyIsUndone) {
             std::string::npos)
       << output;
   ExpectMatches(output, 2);
-}
-
-// The state a power cut can leave on a keyed file: a rollback journal
-// beside it holding page 1, and page 1 in the file torn in its first bytes
-// (the salt the key is derived with). Made with raw SQLite: a transaction
-// that changes page 1 and spills to the file, both files copied while it
-// is open, then the salt overwritten.
-void MakeTornFirstPage(const std::string& file, const std::string& key) {
-  namespace fs = std::filesystem;
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_key(db, key.data(), static_cast<int>(key.size())), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         "PRAGMA journal_mode = DELETE; PRAGMA cache_size = 2; begin; "
-                         "create table torn_probe(y); with recursive n(i) as (select 1 "
-                         "union all select i + 1 from n where i < 2000) insert into "
-                         "torn_probe select randomblob(200) from n;",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK)
-      << sqlite3_errmsg(db);
-  fs::copy_file(file, file + ".cut");
-  fs::copy_file(file + "-journal", file + "-journal.cut");
-  sqlite3_exec(db, "rollback;", nullptr, nullptr, nullptr);
-  sqlite3_close(db);
-  fs::rename(file + ".cut", file);
-  fs::rename(file + "-journal.cut", file + "-journal");
-  std::fstream torn(file, std::ios::in | std::ios::out | std::ios::binary);
-  const char junk[16] = {'t', 'o', 'r', 'n', 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-  torn.write(junk, sizeof(junk));
 }
 
 TEST_F(RecorderCheck, AFirstOpenFailingAfterATornFirstPageIsNotTakenForAWrongKey) {

@@ -26,8 +26,9 @@
 #include <vector>
 
 #include "FaultVfs.h"
-#include "ipc_db.h"
+#include "ReliabilityTestSupport.h"
 #include "TestSupport.h"
+#include "ipc_db.h"
 
 using ipc_db::ClassifyFailure;
 using ipc_db::ClassifyOpenDb;
@@ -42,7 +43,9 @@ using ipc_db::ScopedDb;
 using ipc_db::TextValue;
 using ipc_db_test::FaultOp;
 using ipc_db_test::FaultVfs;
+using ipc_db_test::CountRowsDirectly;
 using ipc_db_test::LogCapture;
+using ipc_db_test::MakeTornFirstPage;
 using ipc_db_test::MakeKey;
 using ipc_db_test::TempDir;
 
@@ -130,21 +133,16 @@ class HelpersTest : public testing::Test {
 
   // Rows of t_door read with raw SQLite (the library not involved).
   long long CountDirectly(const std::string& key) {
-    sqlite3* db = nullptr;
-    long long rows = -1;
-    if (sqlite3_open_v2(Path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        (key.empty() ||
-         sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
-      sqlite3_stmt* stmt = nullptr;
-      if (sqlite3_prepare_v2(db, "select count(*) from t_door;", -1, &stmt, nullptr) ==
-              SQLITE_OK &&
-          sqlite3_step(stmt) == SQLITE_ROW) {
-        rows = sqlite3_column_int64(stmt, 0);
-      }
-      sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
-    return rows;
+    return CountRowsDirectly(Path(), key, "t_door");
+  }
+
+  // Opens the file with key_ into `owner` and returns its table; null (and
+  // the test failed) when either step fails.
+  std::unique_ptr<Table> OpenDoorTable(ScopedDb& owner) {
+    EXPECT_EQ(Open(owner, key_), 0);
+    std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+    EXPECT_NE(table, nullptr);
+    return table;
   }
 
   void ExpectState(const DbDiagnosis& got, DbState want, int code) {
@@ -267,8 +265,7 @@ TEST_F(HelpersTest, ASecondFieldOfTheSameNameIsRefusedAndFreed) {
 
 TEST_F(HelpersTest, ARecordDescribedWithTheHelpersRoundTrips) {
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   std::vector<DoorRecord> records = MakeRecords(3, 5000);
   ASSERT_EQ(table->add_item(records.data(), records.size(), DbFilters(0)), 0);
@@ -305,8 +302,7 @@ TEST_F(HelpersTest, ATextValueKeepsItsZeroByteInsideWhateverItIsGiven) {
 
 TEST_F(HelpersTest, TermsFromTheValueHelpersSelectTheRowsTheyName) {
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   std::vector<DoorRecord> records = MakeRecords(20, 7000);
   ASSERT_EQ(table->add_item(records.data(), records.size(), DbFilters(0)), 0);
@@ -402,8 +398,7 @@ TEST_F(HelpersTest, AReadThatEndsShortOnADamagedPageIsClassifiedDamaged) {
   CreateFile(key_, 3000);
   DamageAPageInTheMiddle(Path());
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   std::vector<DoorRecord> out(3000);
   unsigned long long rows = out.size();
@@ -473,8 +468,7 @@ class LockHolder {
 TEST_F(HelpersTest, ClassifiesAFileLockedByAnotherProcess) {
   CreateFile(key_, 100);
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   LockHolder holder(Path(), key_);
   ASSERT_TRUE(holder.locked());
@@ -488,8 +482,7 @@ TEST_F(HelpersTest, ClassifiesAFileLockedByAnotherProcess) {
 TEST_F(HelpersTest, ClassifiesAWriteThatMeetsAFullStorageAndGoesOnWhenSpaceReturns) {
   CreateFile(key_, 100);
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   FaultVfs::SetBudget(FaultVfs::TrackedBytes() + 8192);
   std::vector<DoorRecord> records = MakeRecords(200, 9000);
@@ -509,8 +502,7 @@ TEST_F(HelpersTest, ClassifiesAWriteThatMeetsAFullStorageAndGoesOnWhenSpaceRetur
 TEST_F(HelpersTest, ClassifiesAFailedWriteAsAnIoError) {
   CreateFile(key_, 100);
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   FaultVfs::FailNth(FaultOp::kWrite, 1, SQLITE_IOERR_WRITE, true);
   std::vector<DoorRecord> records = MakeRecords(1, 9000);
@@ -531,35 +523,6 @@ TEST_F(HelpersTest, ClassifiesAFailedReadAsAnIoError) {
   ExpectState(ClassifyOpenDb(owner.db()), DbState::kIoError, SQLITE_IOERR_READ);
 }
 
-// The state a power cut can leave on a keyed file: a rollback journal
-// beside it holding page 1, and page 1 in the file torn in its first bytes
-// (the salt the key is derived with). Made with raw SQLite: a transaction
-// that changes page 1 and spills to the file, both files copied while it
-// is open, then the salt overwritten.
-void MakeTornFirstPage(const std::string& file, const std::string& key) {
-  namespace fs = std::filesystem;
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_key(db, key.data(), static_cast<int>(key.size())), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         "PRAGMA journal_mode = DELETE; PRAGMA cache_size = 2; begin; "
-                         "create table torn_probe(y); with recursive n(i) as (select 1 "
-                         "union all select i + 1 from n where i < 2000) insert into "
-                         "torn_probe select randomblob(200) from n;",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK)
-      << sqlite3_errmsg(db);
-  fs::copy_file(file, file + ".cut");
-  fs::copy_file(file + "-journal", file + "-journal.cut");
-  sqlite3_exec(db, "rollback;", nullptr, nullptr, nullptr);
-  sqlite3_close(db);
-  fs::rename(file + ".cut", file);
-  fs::rename(file + "-journal.cut", file + "-journal");
-  std::fstream torn(file, std::ios::in | std::ios::out | std::ios::binary);
-  const char junk[16] = {'t', 'o', 'r', 'n', 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-  torn.write(junk, sizeof(junk));
-}
-
 TEST_F(HelpersTest, ClassifiesTheFirstOpenAfterAPowerCutToreAKeyedFilesFirstPage) {
   CreateFile(key_, 300);
   MakeTornFirstPage(Path(), key_);
@@ -577,8 +540,7 @@ TEST_F(HelpersTest, ClassifiesTheFirstOpenAfterAPowerCutToreAKeyedFilesFirstPage
 TEST_F(HelpersTest, AFailureTheLibraryRefusedBeforeAnyStatementLeavesTheFileUsable) {
   CreateFile(key_, 10);
   ScopedDb owner;
-  ASSERT_EQ(Open(owner, key_), 0);
-  std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+  std::unique_ptr<Table> table = OpenDoorTable(owner);
   ASSERT_NE(table, nullptr);
   LogCapture log;
   ASSERT_EQ(table->add_item(nullptr, 1, DbFilters(0)), -1);  // a caller mistake

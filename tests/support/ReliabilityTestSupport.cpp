@@ -1,9 +1,12 @@
 // The reliability test helpers: the event record, opening a Db on a test
-// file, and reads that go around the library.
+// file, reads that go around the library, and a keyed file left as a power
+// cut can leave it.
 #include "ReliabilityTestSupport.h"
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 namespace ipc_db_test {
 
@@ -59,15 +62,16 @@ std::string ExecuteScalar(Db& db, const std::string& sql, const std::string& fal
   return value;
 }
 
-long long CountRowsDirectly(const std::string& path, const std::string& key) {
+long long CountRowsDirectly(const std::string& path, const std::string& key,
+                            const std::string& table) {
   sqlite3* db = nullptr;
   long long count = -1;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
       (key.empty() ||
        sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
     sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "select count(*) from t_event;", -1, &stmt, nullptr) ==
-            SQLITE_OK &&
+    const std::string sql = "select count(*) from " + table + ";";
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
         sqlite3_step(stmt) == SQLITE_ROW) {
       count = sqlite3_column_int64(stmt, 0);
     }
@@ -75,6 +79,30 @@ long long CountRowsDirectly(const std::string& path, const std::string& key) {
   }
   sqlite3_close(db);
   return count;
+}
+
+void MakeTornFirstPage(const std::string& file, const std::string& key) {
+  namespace fs = std::filesystem;
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_key(db, key.data(), static_cast<int>(key.size())), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "PRAGMA journal_mode = DELETE; PRAGMA cache_size = 2; begin; "
+                         "create table torn_probe(y); with recursive n(i) as (select 1 "
+                         "union all select i + 1 from n where i < 2000) insert into "
+                         "torn_probe select randomblob(200) from n;",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK)
+      << sqlite3_errmsg(db);
+  fs::copy_file(file, file + ".cut");
+  fs::copy_file(file + "-journal", file + "-journal.cut");
+  sqlite3_exec(db, "rollback;", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  fs::rename(file + ".cut", file);
+  fs::rename(file + "-journal.cut", file + "-journal");
+  std::fstream torn(file, std::ios::in | std::ios::out | std::ios::binary);
+  const char junk[16] = {'t', 'o', 'r', 'n', 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+  torn.write(junk, sizeof(junk));
 }
 
 }  // namespace ipc_db_test

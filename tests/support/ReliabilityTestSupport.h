@@ -77,9 +77,19 @@ inline void* ValueSlot(long long value) { return IntSlot(value); }
 std::string ExecuteScalar(Db& db, const std::string& sql, const std::string& fallback,
                           long long* code = nullptr);
 
-// Rows of table t_event in a plain database file, counted with SQLite
-// directly (not through the library); -1 when the file cannot be read.
-long long CountRowsDirectly(const std::string& path, const std::string& key);
+// Rows of `table` in a database file keyed with `key` (empty: plain),
+// counted with SQLite directly (not through the library); -1 when the file
+// cannot be read.
+long long CountRowsDirectly(const std::string& path, const std::string& key,
+                            const std::string& table = "t_event");
+
+// The state a power cut can leave on a keyed file: a rollback journal
+// beside it holding page 1, and page 1 in the file torn in its first bytes
+// (the salt the key is derived with). Made with raw SQLite: a transaction
+// that changes page 1 and spills to the file, both files copied while it
+// is open, then the salt overwritten. Fails the calling test (gtest) when
+// a step does not work.
+void MakeTornFirstPage(const std::string& file, const std::string& key);
 
 }  // namespace ipc_db_test
 
