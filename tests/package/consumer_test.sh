@@ -5,7 +5,9 @@
 # pkg-config. Runs both programs (under the emulator in a cross build) and
 # prints every command it runs. With --cross the CMake build uses the
 # toolchain file installed with the package, and --rpath-link names the
-# sysroot's library folder for the pkg-config link. Then installs the
+# sysroot's library folder for the pkg-config link. The program on the
+# companion header also links SQLCipher: with `pkg-config ... sqlcipher` on
+# the host, with --sqlcipher-flags in a cross build. Then installs the
 # Runtime component alone, stripped, into another prefix: it must hold the
 # versioned shared libraries and nothing else; the files and their sizes go
 # to the --payload-report file.
@@ -13,10 +15,11 @@
 # Usage: consumer_test.sh --build-dir DIR --source DIR --cxx COMPILER
 #          --payload-report FILE [--cross] [--rpath-link DIR]
 #          [--cmake-arg ARG]... [--link-flags FLAGS] [--emulator WORD]...
+#          [--sqlcipher-flags FLAGS]
 set -euo pipefail
 
 build_dir=""; source_dir=""; cxx=""; cross=0; rpath_link=""; link_flags=""
-payload_report=""
+payload_report=""; sqlcipher_flags=""
 cmake_args=(); emulator=()
 while [[ $# -gt 0 ]]; do
   case "$1" in
@@ -28,6 +31,7 @@ while [[ $# -gt 0 ]]; do
     --payload-report) payload_report="$2"; shift 2 ;;
     --cmake-arg) cmake_args+=("$2"); shift 2 ;;
     --link-flags) link_flags="$2"; shift 2 ;;
+    --sqlcipher-flags) sqlcipher_flags="$2"; shift 2 ;;
     --emulator) emulator+=("$2"); shift 2 ;;
     *) echo "consumer_test: unknown argument $1" >&2; exit 2 ;;
   esac
@@ -86,13 +90,15 @@ read -r -a extra_flags <<<"$link_flags"
 step "$cxx" -std=c++17 -o "$work/pkg-consumer" "$source_dir/main.cpp" \
   "${pc_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
 step "${emulator[@]}" "$work/pkg-consumer"
+# The companion header's classifier calls SQLCipher: link it too.
 if [[ $cross -eq 0 ]]; then
-  # The companion header's classifier calls SQLCipher: add its package.
   read -r -a helpers_flags <<<"$(pkg-config --cflags --libs ipc_db sqlcipher)"
-  step "$cxx" -std=c++17 -o "$work/pkg-helpers-consumer" "$source_dir/helpers_main.cpp" \
-    "${helpers_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
-  step "$work/pkg-helpers-consumer"
+else
+  read -r -a helpers_flags <<<"$(pkg-config --cflags --libs ipc_db) $sqlcipher_flags"
 fi
+step "$cxx" -std=c++17 -o "$work/pkg-helpers-consumer" "$source_dir/helpers_main.cpp" \
+  "${helpers_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
+step "${emulator[@]}" "$work/pkg-helpers-consumer"
 
 echo "== the device's payload: component Runtime, stripped"
 device="$work/device"
