@@ -27,7 +27,8 @@ wait_all() {
   return "$failed"
 }
 
-# valgrind memcheck over the record-operation tests of build/default.
+# valgrind memcheck over the record-operation tests, the caller-mistake
+# tests and the companion header's tests of build/default.
 valgrind_one() {
   local exe=$1 name
   name=$(basename "$exe")
@@ -44,13 +45,14 @@ valgrind_one() {
 valgrind_stage() {
   local exe
   for exe in "$build"/tests/filter_test "$build"/tests/table_*_test \
-             "$build"/tests/required_leaks_test; do
+             "$build"/tests/{conn,db,filter}_mistakes_test \
+             "$build"/tests/helpers_test "$build"/tests/required_leaks_test; do
     in_background valgrind_one "$exe"
   done
   wait_all
 }
 
-# libFuzzer: the three targets at once, each for $fuzz_seconds, from the
+# libFuzzer: the four targets at once, each for $fuzz_seconds, from the
 # checked-in corpus; new units go to build/fuzz/new-corpus (not tracked).
 fuzz_one() {
   local target=$1
