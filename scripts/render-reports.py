@@ -149,6 +149,12 @@ def fuzz(data):
                   "Corpus files", "Findings", "Exit status"])
 
 
+def payload(data):
+    rows = [dict(build=value.get("build", name), file=f"`{f['file']}`", bytes=f"{f['bytes']:,}")
+            for name, value in data.items() for f in value.get("files", [])]
+    return table(rows, ["build", "file", "bytes"], ["Build", "File", "Bytes, stripped"])
+
+
 def suites(data):
     rows = [dict(suite=k, **v) for k, v in data.items()]
     return table(rows, ["suite", "arguments", "passed", "failed", "total", "summary"],
@@ -192,7 +198,7 @@ def faults(data):
 
 RENDERERS = {"faults": faults, "crash": crash, "corruption": corruption, "wrongkey": wrongkey,
              "concurrency": concurrency, "logguard": logguard, "security": security, "valgrind": valgrind,
-             "fuzz": fuzz, "suites": suites, "stages": stages}
+             "fuzz": fuzz, "suites": suites, "stages": stages, "payload": payload}
 
 
 def main():

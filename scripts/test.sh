@@ -64,6 +64,18 @@ suite() {
   return "$rc"
 }
 
+# payload_results DIR...: the device's payload the package test of each
+# build/DIR installed (path and stripped size of each file), as
+# results/payload/DIR.json.
+payload_results() {
+  local dir label
+  for dir in "$@"; do
+    label=$([[ $dir == default ]] && echo "host ($(uname -m))" || echo "$dir")
+    python3 scripts/tool-results.py payload "build/$dir/package/device-files.txt" \
+      "$results/payload/$dir.json" build="$label"
+  done
+}
+
 host_build() {
   cmake --preset default >/dev/null && cmake --build --preset default -j "$jobs"
 }
@@ -75,6 +87,7 @@ started=$SECONDS
 stage "host build (build/default)" host_build
 if [[ $full -eq 0 ]]; then
   stage "host suite" suite host default -j 4
+  payload_results default
   python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || status=1
   exit $status
 fi
@@ -90,6 +103,7 @@ stage "ASan+UBSan build (build/asan)" asan_build
 stage "ASan+UBSan suite" asan_suite
 stage "armhf sysroot and build (build/armhf)" armhf_build
 stage "armhf suite, -j4 up to 2 times" suite armhf armhf -j 4 --repeat until-fail:2
+payload_results default armhf
 python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || status=1
 
 printf '\n== stage times (total %d s)\n' "$((SECONDS - started))"

@@ -9,6 +9,8 @@ what they printed.
                                      suppressions used
   tool-results.py fuzz     LOG OUT   libFuzzer's final statistics
   tool-results.py tsan     LOG OUT   gtest outcome and ThreadSanitizer reports
+  tool-results.py payload  LIST OUT  the device's files and their stripped sizes,
+                                     from the package test's list ("path bytes")
 
 Extra NAME=VALUE arguments are added to the object (integers as numbers).
 """
@@ -55,7 +57,14 @@ def tsan(text):
             "suppressed_reports": last_int(r"ThreadSanitizer: Matched (\d+)", text)}
 
 
-PARSERS = {"ctest": ctest, "valgrind": valgrind, "fuzz": fuzz, "tsan": tsan}
+def payload(text):
+    files = [{"file": path, "bytes": int(size)}
+             for path, size in re.findall(r"^(\S+) (\d+)$", text, re.MULTILINE)]
+    return {"files": files, "total_bytes": sum(f["bytes"] for f in files)}
+
+
+PARSERS = {"ctest": ctest, "valgrind": valgrind, "fuzz": fuzz, "tsan": tsan,
+           "payload": payload}
 
 
 def main():
