@@ -25,6 +25,13 @@ install(TARGETS ipc_db ipc_platform EXPORT ipc_dbTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
 
+# The repair tool, on request only (component RepairTool): bin/sqlite3, the
+# command RepairDB runs, over the device's sqlcipher shell
+# (IPC_DB_REPAIR_SHELL). Installed with --prefix /usr/app it is the device's
+# /usr/app/bin/sqlite3.
+install(PROGRAMS ${CMAKE_BINARY_DIR}/tools/install/sqlite3
+        DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT RepairTool EXCLUDE_FROM_ALL)
+
 # The stand-ins' headers go along with the stand-ins only: with the device's
 # own libraries, their headers come from the device's SDK.
 file(GLOB IPC_DB_PUBLIC_HEADERS CONFIGURE_DEPENDS

@@ -33,8 +33,25 @@ endif()
 set(IPC_DB_ARMHF_TOOLCHAIN_ROOT /usr/${IPC_DB_ARMHF_TRIPLE})
 set(IPC_DB_ARMHF_LIBDIR ${IPC_DB_ARMHF_SYSROOT}/usr/lib/${IPC_DB_ARMHF_TRIPLE})
 
+# An engine of the device's own (a root folder holding usr/include/sqlcipher
+# and usr/lib/libsqlcipher.so, as scripts/build-engine.py armhf installs the
+# pinned SQLCipher 4) is searched before the sysroot's Debian SQLCipher 3.
+set(IPC_DB_ARMHF_ENGINE_ROOT "" CACHE PATH
+    "Root folder of the armhf SQLCipher to build against; empty: the sysroot's")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES IPC_DB_ARMHF_ENGINE_ROOT)
+set(IPC_DB_ARMHF_ENGINE_LIBDIR "")
+if(IPC_DB_ARMHF_ENGINE_ROOT)
+  if(NOT EXISTS "${IPC_DB_ARMHF_ENGINE_ROOT}/usr/include/sqlcipher/sqlite3.h")
+    message(FATAL_ERROR
+      "No armhf SQLCipher in ${IPC_DB_ARMHF_ENGINE_ROOT}. Build it first with\n"
+      "  python3 scripts/build-engine.py armhf")
+  endif()
+  set(IPC_DB_ARMHF_ENGINE_LIBDIR ${IPC_DB_ARMHF_ENGINE_ROOT}/usr/lib)
+endif()
+
 # Headers and libraries only from the target roots; programs from the host.
-set(CMAKE_FIND_ROOT_PATH ${IPC_DB_ARMHF_SYSROOT} ${IPC_DB_ARMHF_TOOLCHAIN_ROOT})
+set(CMAKE_FIND_ROOT_PATH ${IPC_DB_ARMHF_ENGINE_ROOT} ${IPC_DB_ARMHF_SYSROOT}
+    ${IPC_DB_ARMHF_TOOLCHAIN_ROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
@@ -44,6 +61,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # linker resolve it there when linking programs and shared libraries.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${IPC_DB_ARMHF_LIBDIR}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${IPC_DB_ARMHF_LIBDIR}")
+set(IPC_DB_ARMHF_RUN_PATH ${IPC_DB_ARMHF_LIBDIR})
+if(IPC_DB_ARMHF_ENGINE_LIBDIR)
+  set(IPC_DB_ARMHF_RUN_PATH ${IPC_DB_ARMHF_ENGINE_LIBDIR}:${IPC_DB_ARMHF_LIBDIR})
+endif()
 
 # qemu-arm finds the ARM dynamic loader and C library under -L; the sysroot's
 # libraries reach the emulated program through LD_LIBRARY_PATH (set with -E
@@ -52,5 +73,5 @@ find_program(IPC_DB_QEMU_ARM qemu-arm)
 if(IPC_DB_QEMU_ARM)
   set(CMAKE_CROSSCOMPILING_EMULATOR
       ${IPC_DB_QEMU_ARM} -L ${IPC_DB_ARMHF_TOOLCHAIN_ROOT}
-      -E LD_LIBRARY_PATH=${IPC_DB_ARMHF_LIBDIR})
+      -E LD_LIBRARY_PATH=${IPC_DB_ARMHF_RUN_PATH})
 endif()

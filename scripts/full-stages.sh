@@ -114,30 +114,69 @@ asan_suite() {
     suite asan asan -j 4
 }
 
-# The armhf sysroot (made once), the cross build and its stripped size.
+# The pinned SQLCipher 4.6.1 for the host (built once while its inputs stay
+# the same), and the host build on it.
+engine_host_stage() {
+  python3 scripts/build-engine.py host --jobs "$jobs" >"$logs/engine-host.log" 2>&1 ||
+    { tail -20 "$logs/engine-host.log"; return 1; }
+  tail -1 "$logs/engine-host.log"
+}
+sqlcipher4_build() {
+  rm -rf build/sqlcipher4/results build/sqlcipher4/reports
+  { cmake --preset sqlcipher4 && cmake --build --preset sqlcipher4 -j "$jobs"; } \
+    >"$logs/sqlcipher4-build.log" 2>&1 || { tail -20 "$logs/sqlcipher4-build.log"; return 1; }
+}
+
+# engine_results BUILD...: the engine each build tree runs on (its sqlcipher
+# shell's cipher_version and SQLite version), as BUILD/results/engine/.
+engine_results() {
+  local dir shell
+  for dir in "$@"; do
+    shell=$(sed -n 's/^IPC_DB_SQLCIPHER_SHELL:[A-Z]*=//p' "build/$dir/CMakeCache.txt")
+    mkdir -p "build/$dir/results/engine"
+    printf 'PRAGMA cipher_version;\nselect sqlite_version();\n' | "$shell" :memory: |
+      python3 -c 'import json, sys; c, s = sys.stdin.read().split("\n")[:2]
+print(json.dumps({"cipher_version": c, "sqlite_version": s}))' \
+      >"build/$dir/results/engine/engine.json"
+  done
+}
+
+# The armhf sysroot (made once), the pinned engine for armhf (made once),
+# the cross build on it with its stripped size, and the engine file tool of
+# a cross build on the sysroot's SQLCipher 3.4.1 for the cross-engine test.
 armhf_build() {
   bash scripts/make-armhf-sysroot.sh build/sysroot-armhf &&
+    python3 scripts/build-engine.py armhf --jobs "$jobs" >"$logs/engine-armhf.log" 2>&1 &&
     cmake --preset armhf >/dev/null &&
-    cmake --build --preset armhf -j "$jobs" >"$logs/armhf-build.log" 2>&1 ||
-    { tail -20 "$logs/armhf-build.log"; return 1; }
+    cmake --build --preset armhf -j "$jobs" >"$logs/armhf-build.log" 2>&1 &&
+    cmake --preset armhf-sqlcipher3 >/dev/null &&
+    cmake --build --preset armhf-sqlcipher3 -j "$jobs" --target engine_file_tool \
+      >>"$logs/armhf-build.log" 2>&1 ||
+    { tail -20 "$logs/engine-armhf.log" "$logs/armhf-build.log"; return 1; }
   cat build/armhf/libipc_db.size.txt
 }
 
 # The device-fault campaigns (label faults) at full size: over 10,000 power
 # cuts, every allocation, I/O error and storage budget point. Their figures
 # go to $results/faults/ (rendered into reports/faults.md).
+# faults_stage PRESET: on the engine of that build (results in its tree).
 faults_stage() {
-  IPC_DB_FAULT_SCALE=full suite faults default -L faults -j "$jobs"
+  local preset=$1 name=faults
+  [[ $preset == default ]] || name=faults-$preset
+  IPC_DB_FAULT_SCALE=full suite "$name" "$preset" -L faults -j "$jobs"
 }
 
-# bench/costs --quick on build/default: every device-cost measurement at a
-# small size, so the script and its driver keep working.
+# costs_stage BUILD: bench/costs --quick on that build tree (its engine):
+# every device-cost measurement at a small size, so the script and its
+# driver keep working on both engines.
 costs_stage() {
-  bench/costs --quick --build-dir "$build" --armhf-build-dir build/none >"$logs/costs.log" 2>&1
+  local dir=$1
+  bench/costs --quick --build-dir "$dir" --armhf-build-dir build/none \
+    >"$logs/costs-$(basename "$dir").log" 2>&1
   local rc=$?
   mkdir -p "$results/costs-quick"
-  printf '{"rc": %d, "report": "%s"}\n' "$rc" "$build/reports/costs.md" \
-    >"$results/costs-quick/run.json"
-  tail -3 "$logs/costs.log"
+  printf '{"rc": %d, "report": "%s"}\n' "$rc" "$dir/reports/costs.md" \
+    >"$results/costs-quick/$(basename "$dir").json"
+  tail -3 "$logs/costs-$(basename "$dir").log"
   return "$rc"
 }

@@ -8,7 +8,10 @@
 #         reports)
 #   full  test + the full tier's tools (valgrind, clang-14 and its libFuzzer
 #         runtime, the armhf cross compiler and qemu-arm; the armhf libraries
-#         come from scripts/make-armhf-sysroot.sh)
+#         come from scripts/make-armhf-sysroot.sh) and what building the
+#         pinned SQLCipher 4.6.1 needs (scripts/build-engine.py: dpkg-dev for
+#         dpkg-source and dpkg-buildflags, tcl for its source generators,
+#         OpenSSL's headers)
 # Tolerates a transient `apt-get update` failure (a mirror that is
 # syncing): the other indexes are still usable.
 #
@@ -17,7 +20,8 @@ set -euo pipefail
 
 demo=(cmake g++ make libsqlcipher-dev sqlcipher)
 test=("${demo[@]}" libgtest-dev libbenchmark-dev pkg-config python3)
-full=("${test[@]}" valgrind clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user)
+full=("${test[@]}" valgrind clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user
+      dpkg-dev tcl libssl-dev)
 
 case "${1:-full}" in
   demo) packages=("${demo[@]}") ;;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Makes the armhf sysroot that the cross build links against: Debian's armhf
-# builds of SQLCipher, OpenSSL's libcrypto, GoogleTest and Google Benchmark,
+# builds of SQLCipher, OpenSSL (libcrypto, and its headers for building the
+# pinned SQLCipher 4 with scripts/build-engine.py), GoogleTest and Google Benchmark,
 # unpacked (never installed: the armhf development package of SQLCipher
 # conflicts with the host's) into a folder of the build tree. The C library and libstdc++ come
 # from the cross toolchain (/usr/arm-linux-gnueabihf), so they are not here.
@@ -12,8 +13,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 sysroot="${1:-build/sysroot-armhf}"
-packages=(libsqlcipher0 libsqlcipher-dev libssl3 libgtest-dev libbenchmark1debian
-          libbenchmark-dev)
+packages=(libsqlcipher0 libsqlcipher-dev libssl3 libssl-dev libgtest-dev
+          libbenchmark1debian libbenchmark-dev)
 stamp="$sysroot/.ipc_db-sysroot"
 wanted="${packages[*]}"
 

@@ -3,7 +3,7 @@
 the tests and benchmarks never write tracked files, a person runs this when
 the published figures should change, and commits the result.
 
-  scripts/publish-reports.py --build-dir DIR [DOC ...]
+  scripts/publish-reports.py --build-dir DIR [--groups G,...] [--suffix S] [DOC ...]
 
 A document names its published sections with marker pairs
   <!-- report:GROUP -->  ...  <!-- /report:GROUP -->
@@ -16,7 +16,11 @@ the document, and the links point there. DOCs default to
 docs/reliability.md and docs/performance.md. With --groups G1,G2 only those
 sections are replaced and each gets its own provenance line instead of the
 page's (for figures of a run of their own, e.g. the faults label at full
-scale). scripts/test.sh --full renders the reliability groups into
+scale). With --suffix S, report GROUP fills the section GROUP<S> instead
+(the same report of a build on another engine: --build-dir build/sqlcipher4
+--groups faults --suffix -sqlcipher4 fills <!-- report:faults-sqlcipher4 -->).
+Provenance lines name the build's engine when DIR/reports/engine.json (written
+by the full tier) tells it. scripts/test.sh --full renders the reliability groups into
 build/default/reports; bench/run renders performance into
 build/release/reports; bench/costs renders costs into its build
 directory's reports.
@@ -24,6 +28,7 @@ directory's reports.
 
 import argparse
 import datetime
+import json
 import os
 import re
 import shutil
@@ -67,26 +72,43 @@ def source_dir(build_dir):
     return "."
 
 
+def engine(build_dir):
+    """' on SQLCipher X (SQLite Y)' from DIR/reports/engine.json, or ''."""
+    try:
+        with open(os.path.join(build_dir, "reports", "engine.json")) as f:
+            found = json.load(f).get("engine", {})
+    except (OSError, ValueError):
+        return ""
+    if not found.get("cipher_version"):
+        return ""
+    return f" on SQLCipher {found['cipher_version']} (SQLite {found.get('sqlite_version')})"
+
+
 def provenance(build_dir):
     commit = subprocess.run(["git", "-C", source_dir(build_dir), "rev-parse", "--short",
                              "HEAD"], capture_output=True, text=True).stdout.strip() or "?"
     day = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
-    return f"Figures published on {day} from `{build_dir}` at commit `{commit}`.\n"
+    return (f"Figures published on {day} from `{build_dir}` at commit `{commit}`"
+            f"{engine(build_dir)}.\n")
 
 
-def publish(doc, build_dir, groups=None):
+def publish(doc, build_dir, groups=None, suffix=""):
     with open(doc) as f:
         text = f.read()
     replaced = []
 
     def section(match):
         group = match.group(2)
+        if suffix:
+            if not group.endswith(suffix):
+                return match.group(0)
+            group = group[:-len(suffix)]
         if groups is not None and group not in groups:
             return match.group(0)
         body = None if group == "provenance" else rendered(build_dir, group)
         if body is None:
             return match.group(0)
-        replaced.append(group)
+        replaced.append(match.group(2))
         body = with_images(body, build_dir, doc)
         if groups is not None:
             body = provenance(build_dir) + "\n" + body
@@ -109,12 +131,16 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build-dir", required=True)
     parser.add_argument("--groups", help="comma-separated groups to publish alone")
+    parser.add_argument("--suffix", default="",
+                        help="fill the sections GROUP<SUFFIX> with the reports GROUP")
     parser.add_argument("docs", nargs="*",
                         default=["docs/reliability.md", "docs/performance.md"])
     args = parser.parse_args()
+    if args.suffix and not args.groups:
+        parser.error("--suffix goes with --groups")
     groups = set(args.groups.split(",")) if args.groups else None
     for doc in args.docs:
-        publish(doc, args.build_dir, groups)
+        publish(doc, args.build_dir, groups, args.suffix)
 
 
 if __name__ == "__main__":

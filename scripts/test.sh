@@ -93,23 +93,32 @@ if [[ $full -eq 0 ]]; then
 fi
 
 source scripts/full-stages.sh
+stage "pinned SQLCipher 4.6.1, host (build/engines)" engine_host_stage
 stage "host suite, -j6 up to 3 times" suite host default -j 6 --repeat until-fail:3
-stage "device faults at full scale" faults_stage
+stage "host build on 4.6.1 (build/sqlcipher4)" sqlcipher4_build
+stage "host suite on 4.6.1, -j6 up to 2 times" \
+  suite host-sqlcipher4 sqlcipher4 -j 6 --repeat until-fail:2
+stage "device faults at full scale, 3.4.1" faults_stage default
+stage "device faults at full scale, 4.6.1" faults_stage sqlcipher4
 stage "valgrind memcheck" valgrind_stage
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
-stage "device costs, quick (bench/costs)" costs_stage
+stage "device costs, quick, 3.4.1" costs_stage "$build"
+stage "device costs, quick, 4.6.1" costs_stage build/sqlcipher4
 stage "ASan+UBSan build (build/asan)" asan_build
 stage "ASan+UBSan suite" asan_suite
-stage "armhf sysroot and build (build/armhf)" armhf_build
-stage "armhf suite, -j4 up to 2 times" suite armhf armhf -j 4 --repeat until-fail:2
+stage "armhf sysroot, 4.6.1 and builds (build/armhf)" armhf_build
+stage "armhf suite on 4.6.1, -j4 up to 2 times" suite armhf armhf -j 4 --repeat until-fail:2
 payload_results default armhf
-python3 scripts/render-reports.py "$build" >"$logs/render-reports.log" 2>&1 || status=1
+engine_results default sqlcipher4 armhf
+for dir in "$build" build/sqlcipher4; do
+  python3 scripts/render-reports.py "$dir" >>"$logs/render-reports.log" 2>&1 || status=1
+done
 
 printf '\n== stage times (total %d s)\n' "$((SECONDS - started))"
 printf '%s\n' "${stage_lines[@]}"
 printf '\n== suites (reports in %s/reports)\n' "$build"
-for name in host faults asan armhf; do
+for name in host host-sqlcipher4 faults faults-sqlcipher4 asan armhf; do
   printf '%-6s ' "$name"
   grep -hE '^[0-9]+% tests passed' "$logs/ctest-$name.log" 2>/dev/null | tail -1 ||
     echo "no ctest summary"

@@ -91,7 +91,7 @@ TEST_F(EncryptionTest, ShellReadsRowsOnlyWithTheKey) {
   EXPECT_EQ(ShellRead(kOldKey), std::string(kMarker) + "\n");
   std::string withoutKey = ShellRead("");
   EXPECT_EQ(withoutKey.find(kMarker), std::string::npos);
-  EXPECT_NE(withoutKey.find("file is encrypted or is not a database"), std::string::npos)
+  EXPECT_NE(withoutKey.find(sqlite3_errstr(SQLITE_NOTADB)), std::string::npos)
       << withoutKey;
   std::string wrongKey = ShellRead(kNewKey);
   EXPECT_EQ(wrongKey.find(kMarker), std::string::npos);

@@ -170,8 +170,8 @@ TEST_F(MaintenanceTest, DamagedHeaderGivesNotADatabaseAndQueuesNothing) {
                    "RECORD: sqlite3_exec PRAGMA journal_mode = DELETE failed:26");
   EXPECT_EQ(conn_->ExecuteSQL("select * from t;", nullptr, DB_EXEC_SQL_SYNC), DB_ERR_EXEC);
   ExpectLoggedOnce(log, kLevelError, kSqliteConnFile,
-                   "RECORD: sqlite3_exec:select * from t; failed:26,file is encrypted or is "
-                   "not a database");
+                   std::string("RECORD: sqlite3_exec:select * from t; failed:26,") +
+                       sqlite3_errstr(SQLITE_NOTADB));
   EXPECT_TRUE(RepairItems(conn_.get()).empty());
 }
 

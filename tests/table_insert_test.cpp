@@ -309,11 +309,11 @@ TEST_F(InsertTest, StepFailureIsLogged) {
   LogCapture log;
   EXPECT_EQ(table_->add_item(&person, 1, all_), -1);
   // A statement from the legacy sqlite3_prepare reports the generic code
-  // and message from its step; the precise cause comes with finalize.
-  ExpectLoggedOnce(
-      log, 3, kDbLogFile,
-      "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
-      "database!!\n");
+  // and message from its step; the precise cause comes with finalize. The
+  // message is the engine's text for SQLITE_ERROR.
+  ExpectLoggedOnce(log, 3, kDbLogFile,
+                   std::string("Failed to sqlite3_step!errorcode:1, reason:") +
+                       sqlite3_errstr(SQLITE_ERROR) + "!!\n");
   EXPECT_EQ(Query("select count(*) from t_person"), (Rows{{"1"}}));
 }
 

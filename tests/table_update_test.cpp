@@ -337,10 +337,9 @@ TEST_F(UpdateTest, BlobPathStepFailureIsLogged) {
   DbFilters where(1, Term(id_, DB_FILTER_OP_EQ, IntSlot(2)));
   LogCapture log;
   EXPECT_EQ(table_->update_item(set, where), -1);
-  ExpectLoggedOnce(
-      log, 3, kDbLogFile,
-      "Failed to sqlite3_step!errorcode:1, reason:SQL logic error or missing "
-      "database!!\n");
+  ExpectLoggedOnce(log, 3, kDbLogFile,
+                   std::string("Failed to sqlite3_step!errorcode:1, reason:") +
+                       sqlite3_errstr(SQLITE_ERROR) + "!!\n");
   EXPECT_EQ(Ages(), (Rows{{"1", "10"}, {"2", "20"}}));
 }
 

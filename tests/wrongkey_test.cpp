@@ -31,7 +31,9 @@ namespace {
 
 const char kConnFile[] = "src_db/src/SQLiteDBConn";
 const char kDbFile[] = "src_db/src/db";
-const char kNotADb[] = "file is encrypted or is not a database";
+// The engine's text for SQLITE_NOTADB ("file is encrypted or is not a
+// database" on SQLite 3.15, "file is not a database" on 3.46).
+const char* const kNotADb = sqlite3_errstr(SQLITE_NOTADB);
 constexpr int kRows = 10;
 
 class WrongKeyTest : public testing::Test {

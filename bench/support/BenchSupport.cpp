@@ -71,10 +71,20 @@ void Fatal(const std::string& message) {
 
 // ---- Raw SQLite ------------------------------------------------------------
 
+bool RawUseCompatibleCipherDefaults() {
+  sqlite3* scratch = nullptr;
+  bool ok = sqlite3_open(":memory:", &scratch) == SQLITE_OK &&
+            sqlite3_exec(scratch, "PRAGMA cipher_default_compatibility = 3;", nullptr,
+                         nullptr, nullptr) == SQLITE_OK;
+  sqlite3_close(scratch);
+  return ok;
+}
+
 sqlite3* RawOpenKeyed(const std::string& file) {
   sqlite3* db = nullptr;
   if (sqlite3_open(file.c_str(), &db) != SQLITE_OK) Fatal("sqlite3_open failed: " + file);
-  if (!PlainFiles() && sqlite3_key(db, kKey, 64) != SQLITE_OK) {
+  if (!PlainFiles() &&
+      !(RawUseCompatibleCipherDefaults() && sqlite3_key(db, kKey, 64) == SQLITE_OK)) {
     Fatal("sqlite3_key failed: " + file);
   }
   RawExec(db, "PRAGMA cipher_default_compatibility = 3;");

@@ -78,6 +78,10 @@ using ipc_db_test::TempDir;
 
 // ---- Raw SQLite ------------------------------------------------------------
 
+// What the library does before it keys a connection: SQLCipher 3's format as
+// the process-wide default, set on a private in-memory connection (SQLCipher
+// 4 copies the defaults into a connection at sqlite3_key). True on success.
+bool RawUseCompatibleCipherDefaults();
 // Opens `file`, keys it with the 64 key bytes (unless PlainFiles()) and sets
 // the pragmas the library sets (compatibility 3, synchronous NORMAL, journal mode
 // DELETE). Returns the handle; stops the process on a failure.

@@ -273,7 +273,7 @@ bool LibraryOpenClose(Db* db) { return db->OpenDB() == 0 && db->CloseDB() == 0; 
 bool RawOpenClose(const std::string& file) {
   sqlite3* db = nullptr;
   bool ok = sqlite3_open(file.c_str(), &db) == SQLITE_OK &&
-            sqlite3_key(db, kKey, 64) == SQLITE_OK &&
+            RawUseCompatibleCipherDefaults() && sqlite3_key(db, kKey, 64) == SQLITE_OK &&
             Exec(db, "PRAGMA cipher_default_compatibility = 3;") &&
             Exec(db, "PRAGMA synchronous = NORMAL;") &&
             Exec(db, "PRAGMA journal_mode = DELETE;");

@@ -102,6 +102,26 @@ bool RunPragma(sqlite3* db, const char* sql, const char* label) {
   return true;
 }
 
+// SQLCipher 4 copies its process-wide cipher defaults into a connection at
+// sqlite3_key, so the compatibility pragma that SetDBAttr runs on a keyed
+// connection governs only the connections keyed after it. Running the same
+// pragma just before the key, on a private in-memory connection, makes the
+// connection about to be keyed read and write SQLCipher 3's format as well,
+// whatever the process opened before it, so that every keyed file is in one
+// format on either engine. SQLCipher 3 ignores the unknown pragma. The private
+// connection's statement reaches neither the trace nor the log of the
+// database's own connection. Returns SQLite's result code.
+int UseCompatibleCipherDefaults() {
+  sqlite3* scratch = nullptr;
+  int code = sqlite3_open(":memory:", &scratch);
+  if (code == SQLITE_OK) {
+    code = sqlite3_exec(scratch, "PRAGMA cipher_default_compatibility = 3;", nullptr,
+                        nullptr, nullptr);
+  }
+  sqlite3_close(scratch);
+  return code;
+}
+
 // sqlite3_open hands back a handle even when it fails; release it so that
 // the connection is left without a handle.
 void ReleaseFailedHandle(sqlite3** handle) {
@@ -238,6 +258,12 @@ long long CSqliteDBConn::OpenConnection() {
       }
     }
     if (m_szEncryptKey[0] != 0) {
+      code = UseCompatibleCipherDefaults();
+      if (code != SQLITE_OK) {
+        RECORD_LOG(kModule, kLogError, "cipher defaults for:%s failed:%d",
+                   m_strDBFile.c_str(), code);
+        return DB_ERR_ENCRYPT;
+      }
       code = sqlite3_key(m_pSqliteDB, m_szEncryptKey, kKeyLengthAtOpen);
       if (code != SQLITE_OK) {
         RECORD_LOG(kModule, kLogError, "sqlite3_key:%s failed:%d", m_strDBFile.c_str(),

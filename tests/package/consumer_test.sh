@@ -15,11 +15,16 @@
 # Usage: consumer_test.sh --build-dir DIR --source DIR --cxx COMPILER
 #          --payload-report FILE [--cross] [--rpath-link DIR]
 #          [--cmake-arg ARG]... [--link-flags FLAGS] [--emulator WORD]...
-#          [--sqlcipher-flags FLAGS]
+#          [--sqlcipher-flags FLAGS] [--engine-libdir DIR]
+# --engine-libdir names the folder of an engine built into a prefix of its
+# own (a host build on the pinned SQLCipher 4): the consumers find it as an
+# application's build would, through CMAKE_PREFIX_PATH and PKG_CONFIG_PATH,
+# and run with it on LD_LIBRARY_PATH (on a device it is in the system's
+# library folder).
 set -euo pipefail
 
 build_dir=""; source_dir=""; cxx=""; cross=0; rpath_link=""; link_flags=""
-payload_report=""; sqlcipher_flags=""
+payload_report=""; sqlcipher_flags=""; engine_libdir=""
 cmake_args=(); emulator=()
 while [[ $# -gt 0 ]]; do
   case "$1" in
@@ -33,6 +38,7 @@ while [[ $# -gt 0 ]]; do
     --link-flags) link_flags="$2"; shift 2 ;;
     --sqlcipher-flags) sqlcipher_flags="$2"; shift 2 ;;
     --emulator) emulator+=("$2"); shift 2 ;;
+    --engine-libdir) engine_libdir="$2"; shift 2 ;;
     *) echo "consumer_test: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -70,6 +76,9 @@ if [[ $cross -eq 1 ]]; then
   package_dir="$(dirname "$(find "$prefix" -name ipc_dbConfig.cmake)")"
   configure+=("-DCMAKE_TOOLCHAIN_FILE=$package_dir/toolchain-armhf.cmake"
               "-Dipc_db_DIR=$package_dir")
+elif [[ -n "$engine_libdir" ]]; then
+  configure+=("-DCMAKE_PREFIX_PATH=$prefix;$(dirname "$engine_libdir")")
+  export LD_LIBRARY_PATH="$engine_libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 else
   configure+=("-DCMAKE_PREFIX_PATH=$prefix")
 fi
@@ -81,12 +90,13 @@ step "${emulator[@]}" "$work/cmake-build/ipc_db_helpers_consumer"
 
 echo "== consumer built with pkg-config"
 pc_dir="$(dirname "$(find "$prefix" -name ipc_db.pc)")"
-export PKG_CONFIG_PATH="$pc_dir"
+export PKG_CONFIG_PATH="$pc_dir${engine_libdir:+:$engine_libdir/pkgconfig}"
 step pkg-config --modversion ipc_db
 read -r -a pc_flags <<<"$(pkg-config --cflags --libs ipc_db)"
 libdir="$(pkg-config --variable=libdir ipc_db)"
 read -r -a extra_flags <<<"$link_flags"
 [[ -n "$rpath_link" ]] && extra_flags+=("-Wl,-rpath-link,$rpath_link")
+[[ -n "$engine_libdir" ]] && extra_flags+=("-Wl,-rpath-link,$engine_libdir")
 step "$cxx" -std=c++17 -o "$work/pkg-consumer" "$source_dir/main.cpp" \
   "${pc_flags[@]}" "-Wl,-rpath,$libdir" "${extra_flags[@]}"
 step "${emulator[@]}" "$work/pkg-consumer"

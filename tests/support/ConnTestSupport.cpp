@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "EngineFormat.h"
 #include "WaitBounds.h"
 
 namespace ipc_db_test {
@@ -52,7 +53,7 @@ SecondHandle::SecondHandle(const std::string& file, const std::string& key) {
   if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) {
     ADD_FAILURE() << "cannot open " << file;
   }
-  if (!key.empty()) sqlite3_key(db_, key.data(), static_cast<int>(key.size()));
+  if (!key.empty()) KeyInLibraryFormat(db_, key);
   sqlite3_busy_timeout(db_, 2000);
 }
 
@@ -74,10 +75,12 @@ int RunShell(const std::string& file, const std::string& key, const std::string&
   std::string scriptFile = file + ".script";
   {
     std::ofstream out(scriptFile);
-    if (!key.empty()) out << "PRAGMA key='" << key << "';\n";
+    if (!key.empty()) out << ShellKeyLines(key);
     out << script << "\n";
   }
-  int status = RunCommand("sqlcipher '" + file + "' < '" + scriptFile + "'", output);
+  int status = RunCommand(std::string("'") + IPC_DB_SQLCIPHER_SHELL + "' '" + file + "' < '" +
+                              scriptFile + "'",
+                          output);
   std::remove(scriptFile.c_str());
   return status;
 }

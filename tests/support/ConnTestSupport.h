@@ -65,8 +65,8 @@ class SecondHandle {
 // its own.
 void CreateDatabase(const std::string& file, int rows, const std::string& key = "");
 
-// Runs `script` through Debian's sqlcipher shell on `file` (the first line
-// sets the key when `key` is not empty). Returns the exit status and puts the
+// Runs `script` through the engine's sqlcipher shell on `file` (keyed as the
+// library keys, ShellKeyLines, when `key` is not empty). Returns the exit status and puts the
 // merged output into `output`.
 int RunShell(const std::string& file, const std::string& key, const std::string& script,
              std::string* output);

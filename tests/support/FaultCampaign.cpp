@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <random>
 
+#include "EngineFormat.h"
 #include "FaultVfs.h"
 #include "zb_log.h"
 
@@ -178,7 +179,7 @@ FileSeen ReadFileRaw(const std::string& path, const std::string& key) {
   sqlite3* db = nullptr;
   seen.code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
   if (seen.code == SQLITE_OK && !key.empty()) {
-    seen.code = sqlite3_key(db, key.data(), static_cast<int>(key.size()));
+    seen.code = ipc_db_test::KeyInLibraryFormat(db, key);
   }
   std::string integrity;
   if (seen.code == SQLITE_OK) {

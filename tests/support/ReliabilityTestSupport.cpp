@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "EngineFormat.h"
+
 namespace ipc_db_test {
 
 EventSchema::EventSchema() {
@@ -68,7 +70,7 @@ long long CountRowsDirectly(const std::string& path, const std::string& key,
   long long count = -1;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
       (key.empty() ||
-       sqlite3_key(db, key.data(), static_cast<int>(key.size())) == SQLITE_OK)) {
+       ipc_db_test::KeyInLibraryFormat(db, key) == SQLITE_OK)) {
     sqlite3_stmt* stmt = nullptr;
     const std::string sql = "select count(*) from " + table + ";";
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
@@ -85,7 +87,7 @@ void MakeTornFirstPage(const std::string& file, const std::string& key) {
   namespace fs = std::filesystem;
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_key(db, key.data(), static_cast<int>(key.size())), SQLITE_OK);
+  ASSERT_EQ(ipc_db_test::KeyInLibraryFormat(db, key), SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(db,
                          "PRAGMA journal_mode = DELETE; PRAGMA cache_size = 2; begin; "
                          "create table torn_probe(y); with recursive n(i) as (select 1 "

@@ -1,0 +1,200 @@
+// RepairDB on damaged plain files, beside Debian's SQLCipher 3.4.1 shell
+// (SQLite 3.15) doing the same dump and reload on a copy of each damaged
+// file. On every engine the library's repair (the build's repair tool over
+// that engine's shell) must keep at least the rows the 3.4.1 shell keeps:
+// a newer shell stops its dump of a damaged file with a ROLLBACK and reads
+// a short file as malformed from the first page on, and the repair tool
+// undoes both. The damage is drawn from a seed (printed; set
+// IPC_DB_REPAIR_SEED to replay): changed bytes, truncations and zeroed
+// pages at random places. The figures go to results/repair.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "EngineFormat.h"
+#include "ReliabilityTestSupport.h"
+#include "TestSupport.h"
+
+using ipc_db_test::CountRowsDirectly;
+using ipc_db_test::Event;
+using ipc_db_test::EventSchema;
+using ipc_db_test::JsonObject;
+using ipc_db_test::MakeBatch;
+using ipc_db_test::OpenEventDb;
+using ipc_db_test::ReadFileBytes;
+using ipc_db_test::RepairToolIsTestWrapper;
+using ipc_db_test::TempDir;
+using ipc_db_test::WriteResultJson;
+
+namespace {
+
+constexpr int kRows = 1000;
+constexpr int kCasesPerDamage = 8;
+
+enum class Damage { kChangedBytes, kTruncated, kZeroedPage };
+const char* const kDamageNames[] = {"changed bytes", "truncated", "zeroed page"};
+
+void WriteBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// `bytes` with `damage` at a place drawn from `random`; page 1 is left
+// whole so that both shells can read the schema.
+std::string Damaged(std::string bytes, Damage damage, std::mt19937& random) {
+  const size_t pageSize = 1024;  // the library's page size on both engines
+  const size_t pages = bytes.size() / pageSize;
+  std::uniform_int_distribution<size_t> page(1, pages - 1);
+  switch (damage) {
+    case Damage::kChangedBytes: {
+      std::uniform_int_distribution<size_t> offset(pageSize, bytes.size() - 1);
+      for (int i = 0; i < 4; ++i) {
+        size_t at = offset(random);
+        bytes[at] = static_cast<char>(bytes[at] ^ 0x5A);
+      }
+      break;
+    }
+    case Damage::kTruncated: {
+      std::uniform_int_distribution<size_t> size(pageSize * 2, bytes.size() - 1);
+      bytes.resize(size(random));
+      break;
+    }
+    case Damage::kZeroedPage: {
+      const size_t at = page(random) * pageSize;
+      std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                bytes.begin() + static_cast<std::ptrdiff_t>(at + pageSize), '\0');
+      break;
+    }
+  }
+  return bytes;
+}
+
+// Rows of t_event in `path`; 0 when the table cannot be read.
+long long RowsIn(const std::string& path) {
+  long long rows = CountRowsDirectly(path, "", "t_event");
+  return rows < 0 ? 0 : rows;
+}
+
+class RepairEnginesTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "the repair tool is not the test wrapper";
+    const char* fixed = std::getenv("IPC_DB_REPAIR_SEED");
+    seed_ = fixed != nullptr ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10))
+                             : std::random_device{}();
+    std::printf("repair_engines_test: seed %u (IPC_DB_REPAIR_SEED=%u replays), engine %s\n",
+                seed_, seed_, ipc_db_test::EngineCipherVersion().c_str());
+  }
+
+  std::string Path(const std::string& name) const { return dir_.Path() + name; }
+
+  // A plain file of kRows events written through the library.
+  std::string IntactFile() {
+    Db db;
+    EXPECT_EQ(OpenEventDb(db, dir_.Path(), "intact.db", ""), 0);
+    std::unique_ptr<Table> table(db.createTable(schema_.meta(), EventSchema::kAnalyzeName));
+    EXPECT_NE(table, nullptr);
+    std::vector<Event> events = MakeBatch(1, kRows, 5);
+    EXPECT_EQ(table->add_item(events.data(), events.size(), DbFilters(0)), 0);
+    db.UnInit();
+    return ReadFileBytes(Path("intact.db"));
+  }
+
+  // Rows the library keeps: RepairDB on the closed connection, then a
+  // count. A repair whose pipeline failed leaves the damaged file in place.
+  long long RowsAfterLibraryRepair(const std::string& bytes, long long* repaired) {
+    WriteBytes(Path("r.db"), bytes);
+    std::remove(Path("r.db.new").c_str());  // a failed repair leaves its new file
+    Db db;
+    EXPECT_EQ(OpenEventDb(db, dir_.Path(), "r.db", ""), 0);
+    EXPECT_EQ(db.CloseDB(), 0);
+    *repaired = db.m_pDBConn->RepairDB();
+    db.UnInit();
+    return RowsIn(Path("r.db"));
+  }
+
+  // Rows a repair through `shell` alone keeps: the same dump and reload,
+  // and the new file put in place only when the pipeline succeeded, as
+  // RepairDB does. With Debian's 3.4.1 shell that is what the library's
+  // repair kept on that engine; with this build's engine's own shell, what
+  // it kept before the repair tool stood between them.
+  long long RowsAfterShell(const std::string& shell, const std::string& bytes,
+                           bool* repaired) {
+    WriteBytes(Path("d.db"), bytes);
+    std::remove(Path("d.new").c_str());
+    const std::string command = "echo .dump | '" + shell + "' '" + Path("d.db") +
+                                "' 2>/dev/null | '" + shell + "' '" + Path("d.new") +
+                                "' >/dev/null 2>&1";
+    const int status = std::system(command.c_str());
+    *repaired = status == 0;
+    if (*repaired) {
+      EXPECT_EQ(std::rename(Path("d.new").c_str(), Path("d.db").c_str()), 0);
+    }
+    return RowsIn(Path("d.db"));
+  }
+
+  TempDir dir_;
+  EventSchema schema_;
+  unsigned seed_ = 0;
+};
+
+TEST_F(RepairEnginesTest, KeepsAtLeastWhatDebiansShellKeeps) {
+  ipc_db_test::LogCapture log;  // the repairs' failures are expected: keep them off stderr
+  const std::string intact = IntactFile();
+  ASSERT_GT(intact.size(), 16u * 1024);
+  std::mt19937 random(seed_);
+  for (int kind = 0; kind < 3; ++kind) {
+    long long ours = 0;
+    long long debian = 0;
+    int worse = 0;
+    long long bare = 0;
+    int oursRepaired = 0;
+    int debianRepaired = 0;
+    for (int i = 0; i < kCasesPerDamage; ++i) {
+      const std::string bytes = Damaged(intact, static_cast<Damage>(kind), random);
+      long long repaired = -1;
+      bool debianSucceeded = false;
+      const long long kept = RowsAfterLibraryRepair(bytes, &repaired);
+      const long long reference =
+          RowsAfterShell(IPC_DB_DEBIAN_SHELL, bytes, &debianSucceeded);
+      bool bareSucceeded = false;
+      bare += RowsAfterShell(IPC_DB_SQLCIPHER_SHELL, bytes, &bareSucceeded);
+      EXPECT_GE(kept, reference) << kDamageNames[kind] << " case " << i << ", seed " << seed_;
+      // Where the 3.4.1 pipeline succeeded, so does this engine's.
+      if (debianSucceeded) {
+        EXPECT_EQ(repaired, 0) << kDamageNames[kind] << " case " << i;
+      }
+      ours += kept;
+      debian += reference;
+      worse += kept < reference ? 1 : 0;
+      oursRepaired += repaired == 0 ? 1 : 0;
+      debianRepaired += debianSucceeded ? 1 : 0;
+    }
+    std::printf("%s: %d files, repaired %d (3.4.1: %d), rows kept %lld (3.4.1: %lld; this "
+                "engine's shell without the tool: %lld) of %d each\n",
+                kDamageNames[kind], kCasesPerDamage, oursRepaired, debianRepaired, ours, debian,
+                bare, kRows);
+    JsonObject json;
+    json.Add("engine", ipc_db_test::EngineCipherVersion())
+        .Add("damage", kDamageNames[kind])
+        .Add("seed", static_cast<long long>(seed_))
+        .Add("files", kCasesPerDamage)
+        .Add("rows_per_file", kRows)
+        .Add("repaired", oursRepaired)
+        .Add("repaired_on_debian_3_4_1", debianRepaired)
+        .Add("rows_after_repair", ours)
+        .Add("rows_after_repair_on_debian_3_4_1", debian)
+        .Add("rows_after_bare_shell_of_this_engine", bare)
+        .Add("files_worse", worse);
+    WriteResultJson("repair", ipc_db_test::ResultName(std::string(kDamageNames[kind])),
+                    json.Text());
+  }
+}
+
+}  // namespace
