@@ -47,12 +47,16 @@ int Read(const std::string& dir, const std::string& file, const std::string& key
   EventSchema schema;
   Db db;
   if (ipc_db_test::OpenEventDb(db, dir, file, key) != 0) return Fail("open failed");
-  Table table(&db, schema.meta(), EventSchema::kAnalyzeName);
+  // createTable prepares the members (column kinds) as an application's
+  // start does; the table exists already.
+  std::unique_ptr<Table> table(db.createTable(schema.meta(), EventSchema::kAnalyzeName));
+  if (table == nullptr) return Fail("createTable failed");
   std::vector<Event> read(static_cast<size_t>(rows) + 1);
   unsigned long long got = read.size();
   DbFilters cols(0);
   DbFilters all(0);
-  long long result = table.get_item(cols, all, got, read.data());
+  long long result = table->get_item(cols, all, got, read.data());
+  table.reset();
   db.UnInit();
   if (result != 0) return Fail("get_item failed: " + std::to_string(result));
   if (got != static_cast<unsigned long long>(rows)) {
@@ -62,7 +66,10 @@ int Read(const std::string& dir, const std::string& file, const std::string& key
   for (size_t i = 0; i < expected.size(); ++i) {
     if (read[i].seq != expected[i].seq || read[i].value != expected[i].value ||
         std::strcmp(read[i].text, expected[i].text) != 0) {
-      return Fail("row " + std::to_string(i) + " differs");
+      return Fail("row " + std::to_string(i) + " differs: seq " + std::to_string(read[i].seq) +
+                  ", value " + std::to_string(read[i].value) + ", text '" +
+                  std::string(read[i].text, strnlen(read[i].text, sizeof(read[i].text))) +
+                  "'");
     }
   }
   std::printf("engine %s: read %d rows\n", ipc_db_test::EngineCipherVersion().c_str(), rows);
