@@ -49,14 +49,17 @@ def rendered(build_dir, group):
     return "\n".join(lines).strip() + "\n"
 
 
-def with_images(body, build_dir, doc):
-    """Copies the images `body` links to into figures/ beside `doc`."""
+def with_images(body, build_dir, doc, suffix=""):
+    """Copies the images `body` links to into figures/ beside `doc` (with
+    `suffix` added to their names, so another engine's plots stand beside)."""
     def copy(match):
         figures = os.path.join(os.path.dirname(doc), "figures")
         os.makedirs(figures, exist_ok=True)
+        stem, extension = os.path.splitext(match.group(2))
+        name = stem + suffix + extension
         shutil.copyfile(os.path.join(build_dir, "reports", match.group(2)),
-                        os.path.join(figures, match.group(2)))
-        return f"{match.group(1)}figures/{match.group(2)})"
+                        os.path.join(figures, name))
+        return f"{match.group(1)}figures/{name})"
     return IMAGE.sub(copy, body)
 
 
@@ -109,7 +112,7 @@ def publish(doc, build_dir, groups=None, suffix=""):
         if body is None:
             return match.group(0)
         replaced.append(match.group(2))
-        body = with_images(body, build_dir, doc)
+        body = with_images(body, build_dir, doc, suffix)
         if groups is not None:
             body = provenance(build_dir) + "\n" + body
         return match.group(1) + body + match.group(4)
