@@ -63,28 +63,42 @@ def with_images(body, build_dir, doc, suffix=""):
     return IMAGE.sub(copy, body)
 
 
-def source_dir(build_dir):
-    """The source tree the build directory was configured from."""
+def cache_value(build_dir, name):
+    """A variable of the build directory's CMakeCache.txt, or None."""
     try:
         with open(os.path.join(build_dir, "CMakeCache.txt")) as f:
             for line in f:
-                if line.startswith("CMAKE_HOME_DIRECTORY:"):
+                if line.startswith(name + ":"):
                     return line.split("=", 1)[1].strip()
     except OSError:
         pass
-    return "."
+    return None
+
+
+def source_dir(build_dir):
+    """The source tree the build directory was configured from."""
+    return cache_value(build_dir, "CMAKE_HOME_DIRECTORY") or "."
 
 
 def engine(build_dir):
-    """' on SQLCipher X (SQLite Y)' from DIR/reports/engine.json, or ''."""
+    """' on SQLCipher X (SQLite Y)': from DIR/reports/engine.json, else from the
+    build's own sqlcipher shell (IPC_DB_SQLCIPHER_SHELL in its cache); '' when
+    neither tells."""
     try:
         with open(os.path.join(build_dir, "reports", "engine.json")) as f:
             found = json.load(f).get("engine", {})
-    except (OSError, ValueError):
-        return ""
-    if not found.get("cipher_version"):
-        return ""
-    return f" on SQLCipher {found['cipher_version']} (SQLite {found.get('sqlite_version')})"
+        cipher, sqlite = found["cipher_version"], found["sqlite_version"]
+    except (OSError, ValueError, KeyError):
+        shell = cache_value(build_dir, "IPC_DB_SQLCIPHER_SHELL")
+        if not shell:
+            return ""
+        answer = subprocess.run([shell, ":memory:"], input="PRAGMA cipher_version;\n"
+                                "select sqlite_version();\n", capture_output=True,
+                                text=True).stdout.split("\n")
+        if len(answer) < 2 or not answer[0]:
+            return ""
+        cipher, sqlite = answer[0], answer[1]
+    return f" on SQLCipher {cipher} (SQLite {sqlite})"
 
 
 def provenance(build_dir):
