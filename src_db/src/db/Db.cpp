@@ -10,6 +10,8 @@
 #include "OutOfMemory.h"
 #include "SQLiteDBConn.h"
 
+using ipc_db::detail::kLogError;
+
 namespace {
 
 // GetDBStatus when there is no connection object.
@@ -18,7 +20,7 @@ constexpr unsigned int kDbStatusNoConnection = 2;
 constexpr long long kReEncryptNoConnection = 2;
 
 // Logs the missing-connection message shared by the lifecycle calls.
-void LogNoConnection() { DB_LOG(ipc_db::detail::kLogError, "m_pDBConn is not exit\n"); }
+void LogNoConnection() { DB_LOG(kLogError, "m_pDBConn is not exit\n"); }
 
 // Runs `operation` on `conn` and logs a failure as "<name> failed!error:<result>\n".
 // -1 (logged) without a connection.
@@ -29,7 +31,7 @@ long long Forward(CDBConn* conn, long long (CDBConn::*operation)(), const char* 
   }
   const long long result = (conn->*operation)();
   if (result != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "%s failed!error:%lld\n", name, result);
+    DB_LOG(kLogError, "%s failed!error:%lld\n", name, result);
   }
   return result;
 }
@@ -41,7 +43,7 @@ long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPa
                    char* szEncryptKey, unsigned int uiKeyLen) {
   return ipc_db::detail::DbCall("Db::Init", -1LL, [&]() -> long long {
     if (szEncryptKey == nullptr) {
-      DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+      DB_LOG(kLogError, "szEncryptKey is null\n");
       return -1;
     }
     // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
@@ -51,7 +53,7 @@ long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPa
     CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
     m_pDBConn = conn;
     if (conn == nullptr) {
-      DB_LOG(ipc_db::detail::kLogError, "New DBConn failed\n");
+      DB_LOG(kLogError, "New DBConn failed\n");
       return -1;
     }
     conn->m_strInstallPath = strInstallPath;
@@ -76,7 +78,7 @@ long long Db::UnInit() {
   if (m_pDBConn == nullptr) return 0;
   const long long closed = CloseDB();
   if (closed != 0) {
-    DB_LOG(ipc_db::detail::kLogError, "CloseConnection failed!error:%lld\n", closed);
+    DB_LOG(kLogError, "CloseConnection failed!error:%lld\n", closed);
   }
   delete m_pDBConn;
   m_pDBConn = nullptr;
@@ -98,7 +100,7 @@ long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
       return kReEncryptNoConnection;
     }
     if (szEncryptKey == nullptr) {
-      DB_LOG(ipc_db::detail::kLogError, "szEncryptKey is null\n");
+      DB_LOG(kLogError, "szEncryptKey is null\n");
       return -1;
     }
     return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
@@ -113,7 +115,7 @@ long long Db::SetJournalAttr(DB_JOURNAL_TYPE type) {
     }
     const long long result = m_pDBConn->SetDBJournalAttr(type);
     if (result != 0) {
-      DB_LOG(ipc_db::detail::kLogError, "SetDBJournalAttr failed\n");
+      DB_LOG(kLogError, "SetDBJournalAttr failed\n");
     }
     return result;
   });

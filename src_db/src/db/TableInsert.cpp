@@ -4,6 +4,7 @@
 // NULL), text quoted as it stands, and a blob bound as the statement's one
 // parameter. Several records run inside one transaction; a failure returns
 // at once and leaves that transaction open on the handle.
+#include <new>
 #include <string>
 #include <vector>
 

@@ -15,9 +15,11 @@
 #include "DBConn.h"
 #include "OutOfMemory.h"
 #include "db/CallerChecks.h"
+#include "db/ColumnCopy.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::BuildSelect;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
@@ -27,11 +29,12 @@ using ipc_db::detail::CheckMemberType;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::CopyColumn;
+using ipc_db::detail::CopyKindOf;
 using ipc_db::detail::EveryMemberMatches;
-using ipc_db::detail::KindOf;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunSelect;
 using ipc_db::detail::SelectedMembers;
+using ipc_db::detail::TableHandle;
 
 namespace {
 
@@ -101,8 +104,8 @@ void CopyIntoLayout(Db* db, sqlite3_stmt* stmt, const std::vector<Member*>& matc
     Member* member = matches[i];
     if (member == nullptr) continue;
     db->preProcMember(member);
-    CopyColumn(stmt, static_cast<int>(i), KindOf(member), member->type_meta->type_size,
-               record + member->offset);
+    CopyColumn(stmt, static_cast<int>(i), CopyKindOf(*member),
+               member->type_meta->type_size, record + member->offset);
   }
 }
 
@@ -139,19 +142,22 @@ class ScratchRecord {
   size_t size_;
 };
 
-// The shared body of get_item_lz and get_item_vz: one string per row.
-template <typename Append>
+// The shared body of get_item_lz and get_item_vz: one string per row,
+// appended to `out`.
+template <typename Texts>
 long long ReadTexts(Table& table, DbFilters& cols, DbFilters& filters,
-                    unsigned long long& itemcnt, Meta* userMeta, Append&& append) {
+                    unsigned long long& itemcnt, Meta* userMeta, Texts* out) {
   if (!CheckConnection(table) || !CheckUserMeta(table, cols, userMeta)) return -1;
   if (!CheckFilterTerms(filters) || !CheckOpenHandle(table)) return -1;
   std::vector<Member*> matches = MatchColumns(table, cols, userMeta);
   ScratchRecord scratch(userMeta->type_size);
   if (!scratch.Usable()) return -1;
-  return RunSelect(table, cols, filters, itemcnt,
+  std::string sql;
+  if (!BuildSelect(table, cols, filters, &sql)) return -1;
+  return RunSelect(TableHandle(table), sql, itemcnt,
                    [&](sqlite3_stmt* stmt, unsigned long long) {
                      CopyIntoLayout(table.parent, stmt, matches, scratch.Clear());
-                     append(scratch.Text(userMeta->type_size));
+                     out->push_back(scratch.Text(userMeta->type_size));
                    });
 }
 
@@ -180,9 +186,11 @@ long long Table::get_item_z(DbFilters& cols, DbFilters& filters,
       return -1;
     }
     std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
+    std::string sql;
+    if (!BuildSelect(*this, cols, filters, &sql)) return -1;
     char* records = static_cast<char*>(obj);
     size_t stride = userMeta->type_size;
-    return RunSelect(*this, cols, filters, itemcnt,
+    return RunSelect(TableHandle(*this), sql, itemcnt,
                      [&](sqlite3_stmt* stmt, unsigned long long row) {
                        CopyIntoLayout(parent, stmt, matches, records + row * stride);
                      });
@@ -193,8 +201,7 @@ long long Table::get_item_lz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::list<std::string>& out,
                              Meta* userMeta) {
   return ipc_db::detail::DbCall("Table::get_item_lz", -1LL, [&]() -> long long {
-    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                     [&](std::string&& text) { out.push_back(std::move(text)); });
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta, &out);
   });
 }
 
@@ -202,8 +209,7 @@ long long Table::get_item_vz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::vector<std::string>& out,
                              Meta* userMeta) {
   return ipc_db::detail::DbCall("Table::get_item_vz", -1LL, [&]() -> long long {
-    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                     [&](std::string&& text) { out.push_back(std::move(text)); });
+    return ReadTexts(*this, cols, filters, itemcnt, userMeta, &out);
   });
 }
 
@@ -233,15 +239,16 @@ long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
     bool lands = !cols.filters.empty() || userMember->offset == 0;
     ScratchRecord scratch(width);
     if (!scratch.Usable()) return -1;
-    return RunSelect(*this, cols, filters, itemcnt,
-                     [&](sqlite3_stmt* stmt, unsigned long long) {
-                       char* buffer = scratch.Clear();
-                       if (column >= 0) {
-                         parent->preProcMember(userMember);
-                         if (lands)
-                           CopyColumn(stmt, column, KindOf(userMember), width, buffer);
-                       }
-                       out.insert(scratch.Text(width));
-                     });
+    std::string sql;
+    if (!BuildSelect(*this, cols, filters, &sql)) return -1;
+    return RunSelect(
+        TableHandle(*this), sql, itemcnt, [&](sqlite3_stmt* stmt, unsigned long long) {
+          char* buffer = scratch.Clear();
+          if (column >= 0) {
+            parent->preProcMember(userMember);
+            if (lands) CopyColumn(stmt, column, CopyKindOf(*userMember), width, buffer);
+          }
+          out.insert(scratch.Text(width));
+        });
   });
 }

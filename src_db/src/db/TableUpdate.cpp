@@ -4,6 +4,7 @@
 // prepared on the handle with the blobs bound as parameters. A removal runs
 // one delete per filter list, several inside one transaction, which a
 // failing delete leaves open.
+#include <new>
 #include <string>
 
 #include "DBConn.h"
