@@ -10,6 +10,7 @@
 #include "OutOfMemory.h"
 #include "SQLiteDBConn.h"
 
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::kLogError;
 
 namespace {
@@ -40,34 +41,34 @@ long long Forward(CDBConn* conn, long long (CDBConn::*operation)(), const char* 
 
 long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPath,
                    const std::string& strDBFile, const std::string& strDBJournal,
-                   char* szEncryptKey, unsigned int uiKeyLen) {
-  return ipc_db::detail::DbCall("Db::Init", -1LL, [&]() -> long long {
-    if (szEncryptKey == nullptr) {
-      DB_LOG(kLogError, "szEncryptKey is null\n");
-      return -1;
-    }
-    // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
-    if (static_cast<unsigned int>(ullDBType) != 0) return -1;
+                   char* szEncryptKey, unsigned int uiKeyLen) try {
+  if (szEncryptKey == nullptr) {
+    DB_LOG(kLogError, "szEncryptKey is null\n");
+    return -1;
+  }
+  // Only kind 0 (SQLCipher) exists; the kind is tested on its low word.
+  if (static_cast<unsigned int>(ullDBType) != 0) return -1;
 
-    // An earlier connection is not looked at: a second Init leaks it.
-    CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
-    m_pDBConn = conn;
-    if (conn == nullptr) {
-      DB_LOG(kLogError, "New DBConn failed\n");
-      return -1;
-    }
-    conn->m_strInstallPath = strInstallPath;
-    conn->SetDBFile(strDBFile);
-    conn->SetDBJournal(strDBJournal);
-    conn->SetEncryptKey(szEncryptKey, uiKeyLen);
-    return 0;
-  });
+  // An earlier connection is not looked at: a second Init leaks it.
+  CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
+  m_pDBConn = conn;
+  if (conn == nullptr) {
+    DB_LOG(kLogError, "New DBConn failed\n");
+    return -1;
+  }
+  conn->m_strInstallPath = strInstallPath;
+  conn->SetDBFile(strDBFile);
+  conn->SetDBJournal(strDBJournal);
+  conn->SetEncryptKey(szEncryptKey, uiKeyLen);
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::Init", -1LL);
 }
 
-long long Db::OpenDB() {
-  return ipc_db::detail::DbCall("Db::OpenDB", -1LL, [&]() -> long long {
-    return Forward(m_pDBConn, &CDBConn::OpenConnection, "OpenConnection");
-  });
+long long Db::OpenDB() try {
+  return Forward(m_pDBConn, &CDBConn::OpenConnection, "OpenConnection");
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::OpenDB", -1LL);
 }
 
 long long Db::CloseDB() {
@@ -93,30 +94,30 @@ unsigned int Db::GetDBStatus() {
   return static_cast<unsigned int>(m_pDBConn->m_enDBStatus);
 }
 
-long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) {
-  return ipc_db::detail::DbCall("Db::reEncryptDB", -1LL, [&]() -> long long {
-    if (m_pDBConn == nullptr) {
-      LogNoConnection();
-      return kReEncryptNoConnection;
-    }
-    if (szEncryptKey == nullptr) {
-      DB_LOG(kLogError, "szEncryptKey is null\n");
-      return -1;
-    }
-    return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
-  });
+long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) try {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return kReEncryptNoConnection;
+  }
+  if (szEncryptKey == nullptr) {
+    DB_LOG(kLogError, "szEncryptKey is null\n");
+    return -1;
+  }
+  return m_pDBConn->ReEncryptDB(szEncryptKey, uiKeyLen);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::reEncryptDB", -1LL);
 }
 
-long long Db::SetJournalAttr(DB_JOURNAL_TYPE type) {
-  return ipc_db::detail::DbCall("Db::SetJournalAttr", -1LL, [&]() -> long long {
-    if (m_pDBConn == nullptr) {
-      LogNoConnection();
-      return -1;
-    }
-    const long long result = m_pDBConn->SetDBJournalAttr(type);
-    if (result != 0) {
-      DB_LOG(kLogError, "SetDBJournalAttr failed\n");
-    }
-    return result;
-  });
+long long Db::SetJournalAttr(DB_JOURNAL_TYPE type) try {
+  if (m_pDBConn == nullptr) {
+    LogNoConnection();
+    return -1;
+  }
+  const long long result = m_pDBConn->SetDBJournalAttr(type);
+  if (result != 0) {
+    DB_LOG(kLogError, "SetDBJournalAttr failed\n");
+  }
+  return result;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::SetJournalAttr", -1LL);
 }

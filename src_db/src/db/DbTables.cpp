@@ -25,6 +25,7 @@ using ipc_db::detail::AddColumnsText;
 using ipc_db::detail::CheckMembers;
 using ipc_db::detail::ColumnName;
 using ipc_db::detail::CreateTableText;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::DropTableText;
 using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogDebug;
@@ -87,85 +88,84 @@ bool HasFirstValue(const DB_EXEC_RESULT& result) {
 
 }  // namespace
 
-Table* Db::createTable(Meta* meta, int analyze_name) {
-  return ipc_db::detail::DbCall(
-      "Db::createTable", static_cast<Table*>(nullptr), [&]() -> Table* {
-        if (meta == nullptr) {
-          DB_LOG(kLogError, "Db::createTable meta_data is null.\n");
-          return nullptr;
-        }
-        if (meta->members.empty()) {
-          DB_LOG(kLogError, "members is empty!\n");
-          return nullptr;
-        }
-        if (!HasConnection(*this, "Db::createTable") ||
-            !CheckMembers(meta->members, "meta_data")) {
-          return nullptr;
-        }
-        // Owned here until it is handed out: a std::bad_alloc further down (the
-        // statement text) must not leak it.
-        std::unique_ptr<Table> table(new (std::nothrow) Table(this, meta, analyze_name));
-        if (table == nullptr) {
-          DB_LOG(kLogError, "Db::createTable alloc table fail.\n");
-          return nullptr;
-        }
+Table* Db::createTable(Meta* meta, int analyze_name) try {
+  if (meta == nullptr) {
+    DB_LOG(kLogError, "Db::createTable meta_data is null.\n");
+    return nullptr;
+  }
+  if (meta->members.empty()) {
+    DB_LOG(kLogError, "members is empty!\n");
+    return nullptr;
+  }
+  if (!HasConnection(*this, "Db::createTable") ||
+      !CheckMembers(meta->members, "meta_data")) {
+    return nullptr;
+  }
+  // Owned here until it is handed out: a std::bad_alloc further down (the
+  // statement text) must not leak it.
+  std::unique_ptr<Table> table(new (std::nothrow) Table(this, meta, analyze_name));
+  if (table == nullptr) {
+    DB_LOG(kLogError, "Db::createTable alloc table fail.\n");
+    return nullptr;
+  }
 
-        if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) == 1) {
-          // The table is there already: only prepare the members, send no SQL.
-          DB_LOG(kLogInfo, "table %s has exist!\n", meta->type_name.c_str());
-          if (meta->members.empty()) {
-            DB_LOG(kLogError, "table members is empty!\n");
-            return nullptr;
-          }
-          for (Member* member : meta->members) preProcMember(member);
-          return table.release();
-        }
+  if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) == 1) {
+    // The table is there already: only prepare the members, send no SQL.
+    DB_LOG(kLogInfo, "table %s has exist!\n", meta->type_name.c_str());
+    if (meta->members.empty()) {
+      DB_LOG(kLogError, "table members is empty!\n");
+      return nullptr;
+    }
+    for (Member* member : meta->members) preProcMember(member);
+    return table.release();
+  }
 
-        std::vector<NamedColumn> columns =
-            PrepareColumns(this, meta->members, analyze_name, MemberLog::kNameAndType);
-        std::string sql = CreateTableText(meta->type_name, columns);
-        if (ExecuteText(m_pDBConn, sql, "createTable") != 0) return nullptr;
-        return table.release();
-      });
+  std::vector<NamedColumn> columns =
+      PrepareColumns(this, meta->members, analyze_name, MemberLog::kNameAndType);
+  std::string sql = CreateTableText(meta->type_name, columns);
+  if (ExecuteText(m_pDBConn, sql, "createTable") != 0) return nullptr;
+  return table.release();
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::createTable", static_cast<Table*>(nullptr));
 }
 
-long long Db::destroyTable(Meta* meta) {
-  return ipc_db::detail::DbCall("Db::destroyTable", -1LL, [&]() -> long long {
-    if (meta == nullptr) {
-      DB_LOG(kLogError, "Db::destroyTable meta_data is null.\n");
-      return -1;
-    }
-    if (!HasConnection(*this, "Db::destroyTable")) return -1;
-    if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) != 1) {
-      DB_LOG(kLogError, "table %s has destroy!\n", meta->type_name.c_str());
-      return 0;
-    }
-    if (ExecuteText(m_pDBConn, DropTableText(meta->type_name), "destroyTable") != 0)
-      return -1;
+long long Db::destroyTable(Meta* meta) try {
+  if (meta == nullptr) {
+    DB_LOG(kLogError, "Db::destroyTable meta_data is null.\n");
+    return -1;
+  }
+  if (!HasConnection(*this, "Db::destroyTable")) return -1;
+  if (m_pDBConn->WhetherTableExist(meta->type_name.c_str()) != 1) {
+    DB_LOG(kLogError, "table %s has destroy!\n", meta->type_name.c_str());
     return 0;
-  });
+  }
+  if (ExecuteText(m_pDBConn, DropTableText(meta->type_name), "destroyTable") != 0)
+    return -1;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::destroyTable", -1LL);
 }
 
-long long Db::getTableSql(std::string& tableName, std::string& sql) {
-  return ipc_db::detail::DbCall("Db::getTableSql", -1LL, [&]() -> long long {
-    if (m_pDBConn == nullptr) return kNoConnection;
-    const std::string query = StoredCreateQuery(tableName);
-    ScopedExecResult result(m_pDBConn);
-    const long long code =
-        m_pDBConn->ExecuteSQL(query.c_str(), result.get(), DB_EXEC_SQL_SYNC);
-    if (code != 0) {
-      DB_LOG(kLogError, "Failed to get table result");
-      return code;
-    }
-    // A query without rows holds no value after the header (and, from SQLite,
-    // no header either): that is a missing table.
-    if (!HasFirstValue(*result)) {
-      DB_LOG(kLogError, "Failed to get table result");
-      return -1;
-    }
-    if (result->iRowCount > 0) sql = result->ppszResult[result->iColumnCount];
-    return 0;
-  });
+long long Db::getTableSql(std::string& tableName, std::string& sql) try {
+  if (m_pDBConn == nullptr) return kNoConnection;
+  const std::string query = StoredCreateQuery(tableName);
+  ScopedExecResult result(m_pDBConn);
+  const long long code =
+      m_pDBConn->ExecuteSQL(query.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  if (code != 0) {
+    DB_LOG(kLogError, "Failed to get table result");
+    return code;
+  }
+  // A query without rows holds no value after the header (and, from SQLite,
+  // no header either): that is a missing table.
+  if (!HasFirstValue(*result)) {
+    DB_LOG(kLogError, "Failed to get table result");
+    return -1;
+  }
+  if (result->iRowCount > 0) sql = result->ppszResult[result->iColumnCount];
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::getTableSql", -1LL);
 }
 
 int Db::getTableStatus(std::string& tableName) {
@@ -174,13 +174,13 @@ int Db::getTableStatus(std::string& tableName) {
 }
 
 long long Db::updateTable(std::string tableName, TableChange& change,
-                          std::string defaultValue, int analyze_name) {
-  return ipc_db::detail::DbCall("Db::updateTable", -1LL, [&]() -> long long {
-    if (!HasConnection(*this, "Db::updateTable") || !CheckChange(change)) return -1;
-    std::vector<NamedColumn> columns =
-        PrepareColumns(this, change.members, analyze_name, MemberLog::kNone);
-    std::string sql = AddColumnsText(tableName, columns, defaultValue);
-    if (ExecuteText(m_pDBConn, sql, "updateTable") != 0) return -1;
-    return 0;
-  });
+                          std::string defaultValue, int analyze_name) try {
+  if (!HasConnection(*this, "Db::updateTable") || !CheckChange(change)) return -1;
+  std::vector<NamedColumn> columns =
+      PrepareColumns(this, change.members, analyze_name, MemberLog::kNone);
+  std::string sql = AddColumnsText(tableName, columns, defaultValue);
+  if (ExecuteText(m_pDBConn, sql, "updateTable") != 0) return -1;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Db::updateTable", -1LL);
 }

@@ -21,6 +21,7 @@ using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckTableObjects;
 using ipc_db::detail::ColumnKind;
 using ipc_db::detail::ColumnKindOf;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::Extremum;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
@@ -76,39 +77,39 @@ long long GetExtremum(Table& table, Extremum extremum, DbFilters& col,
 
 }  // namespace
 
-long long Table::get_item_cnt(DbFilters& filters) {
-  return ipc_db::detail::DbCall("Table::get_item_cnt", -1LL, [&]() -> long long {
-    if (!CheckTableObjects(*this)) return -1;
-    CDBConn* conn = parent->m_pDBConn;
-    if (conn == nullptr) {
-      DB_LOG(kLogError, "parent->m_pDBConn is null.");
-      return -1;
-    }
-    if (!CheckFilterTerms(filters)) return -1;
-    std::string sql;
-    if (!BuildCount(*this, filters, &sql)) return -1;
-    ScopedExecResult result(conn);
-    long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
-    DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
-    if (code != 0) {
-      DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
-      return -1;
-    }
-    const char* value = result.FirstValue();
-    return value == nullptr ? 0 : std::stol(value, nullptr, 10);
-  });
+long long Table::get_item_cnt(DbFilters& filters) try {
+  if (!CheckTableObjects(*this)) return -1;
+  CDBConn* conn = parent->m_pDBConn;
+  if (conn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.");
+    return -1;
+  }
+  if (!CheckFilterTerms(filters)) return -1;
+  std::string sql;
+  if (!BuildCount(*this, filters, &sql)) return -1;
+  ScopedExecResult result(conn);
+  long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
+  if (code != 0) {
+    DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
+    return -1;
+  }
+  const char* value = result.FirstValue();
+  return value == nullptr ? 0 : std::stol(value, nullptr, 10);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_cnt", -1LL);
 }
 
 long long Table::get_item_max(DbFilters& col, const DbFilters& filters,
-                              std::string& out) {
-  return ipc_db::detail::DbCall("Table::get_item_max", -1LL, [&]() -> long long {
-    return GetExtremum(*this, Extremum::kMax, col, filters, out);
-  });
+                              std::string& out) try {
+  return GetExtremum(*this, Extremum::kMax, col, filters, out);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_max", -1LL);
 }
 
 long long Table::get_item_min(DbFilters& col, const DbFilters& filters,
-                              std::string& out) {
-  return ipc_db::detail::DbCall("Table::get_item_min", -1LL, [&]() -> long long {
-    return GetExtremum(*this, Extremum::kMin, col, filters, out);
-  });
+                              std::string& out) try {
+  return GetExtremum(*this, Extremum::kMin, col, filters, out);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_min", -1LL);
 }
