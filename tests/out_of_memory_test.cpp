@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <list>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -74,13 +73,34 @@ TEST_F(OutOfMemoryTest, GetItemCntAnswersAFailedAllocationWithMinusOne) {
 // Every guarded record, read, aggregate and index call of Table: the first
 // allocation inside the call fails, and the call answers with its failure
 // value and its own "<call> out of memory.\n" entry, and changes no row.
-// Each case builds its arguments first and arms the failure just before the
-// call, so that the failing allocation is the library's.
-using Arm = std::function<void()>;
+// Every argument is built before the failure is armed, so that the failing
+// allocation is the library's; the index names are short enough that their
+// copies into by-value parameters need no allocation.
+DbFilter* AgeIs(Meta* meta, int age) {
+  return new DbFilter(meta->Get("iAge"), DB_FILTER_OP_EQ, IntSlot(age), nullptr);
+}
+
+struct CallArguments {
+  explicit CallArguments(Meta* meta)
+      : meta(meta),
+        set(1, AgeIs(meta, 31)),
+        list(1, AgeIs(meta, 30)),
+        col(1, AgeIs(meta, 0)) {}
+
+  Meta* meta;
+  DbFilters none, set, list, col;
+  Person person = MakePerson(0, 1, "bo", "x", 1);
+  Person rows[3];
+  unsigned long long count = 0;
+  std::list<std::string> textList;
+  std::vector<std::string> textVector;
+  std::set<std::string> textSet;
+  std::string out;
+};
 
 struct GuardedCall {
   const char* name;  // the call as its entry names it
-  std::function<long long(Table*, Meta*, const Arm&)> run;
+  std::function<long long(Table*, CallArguments&)> run;
 };
 
 class EveryTableCall : public OutOfMemoryTest,
@@ -91,8 +111,10 @@ TEST_P(EveryTableCall, AnswersAFailedAllocationWithMinusOne) {
   DbFilters none;
   ASSERT_EQ(table_->add_item(&person, 1, none), 0);
   ASSERT_EQ(table_->add_index("ix_age", meta_.Get("iAge")), 0);
+  CallArguments arguments(&meta_);
   LogCapture log;
-  long long rc = GetParam().run(table_, &meta_, [] { FaultAlloc::FailNth(1, false); });
+  FaultAlloc::FailNth(1, false);
+  long long rc = GetParam().run(table_, arguments);
   FaultAlloc::FailNth(0, false);
   EXPECT_EQ(rc, -1);
   ExpectLoggedOnce(log, 3, kDbLogFile,
@@ -100,107 +122,40 @@ TEST_P(EveryTableCall, AnswersAFailedAllocationWithMinusOne) {
   EXPECT_EQ(Query("select iAge, cName from t_person;"), (Rows{{"30", "ann"}}));
 }
 
-DbFilters* AgeIs(Meta* meta, int age) {
-  return new DbFilters(
-      1, new DbFilter(meta->Get("iAge"), DB_FILTER_OP_EQ, IntSlot(age), nullptr));
-}
-
-// Three rows' room for the whole-record reads.
-struct ReadArea {
-  DbFilters none;
-  unsigned long long count = 0;
-  Person rows[3];
-};
+using Args = CallArguments;
 
 const GuardedCall kGuardedCalls[] = {
     {"Table::add_item",
-     [](Table* table, Meta*, const Arm& arm) {
-       Person person = MakePerson(0, 1, "bo", "x", 1);
-       DbFilters none;
-       arm();
-       return table->add_item(&person, 1, none);
-     }},
+     [](Table* t, Args& a) { return t->add_item(&a.person, 1, a.none); }},
     {"Table::update_item",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       std::unique_ptr<DbFilters> set(AgeIs(meta, 31));
-       DbFilters none;
-       arm();
-       return table->update_item(*set, none);
-     }},
-    {"Table::rmv_item",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       std::unique_ptr<DbFilters> list(AgeIs(meta, 30));
-       arm();
-       return table->rmv_item(list.get(), 1);
-     }},
+     [](Table* t, Args& a) { return t->update_item(a.set, a.none); }},
+    {"Table::rmv_item", [](Table* t, Args& a) { return t->rmv_item(&a.list, 1); }},
     {"Table::get_item",
-     [](Table* table, Meta*, const Arm& arm) {
-       ReadArea area;
-       arm();
-       return table->get_item(area.none, area.none, area.count, area.rows);
-     }},
+     [](Table* t, Args& a) { return t->get_item(a.none, a.none, a.count, a.rows); }},
     {"Table::get_item_z",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       ReadArea area;
-       arm();
-       return table->get_item_z(area.none, area.none, area.count, area.rows, meta);
+     [](Table* t, Args& a) {
+       return t->get_item_z(a.none, a.none, a.count, a.rows, a.meta);
      }},
     {"Table::get_item_lz",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       ReadArea area;
-       std::list<std::string> out;
-       arm();
-       return table->get_item_lz(area.none, area.none, area.count, out, meta);
+     [](Table* t, Args& a) {
+       return t->get_item_lz(a.none, a.none, a.count, a.textList, a.meta);
      }},
     {"Table::get_item_vz",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       ReadArea area;
-       std::vector<std::string> out;
-       arm();
-       return table->get_item_vz(area.none, area.none, area.count, out, meta);
+     [](Table* t, Args& a) {
+       return t->get_item_vz(a.none, a.none, a.count, a.textVector, a.meta);
      }},
     {"Table::get_item_sz",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       ReadArea area;
-       std::set<std::string> out;
-       arm();
-       return table->get_item_sz(area.none, area.none, area.count, out,
-                                 meta->Get("cName"));
+     [](Table* t, Args& a) {
+       return t->get_item_sz(a.none, a.none, a.count, a.textSet, a.meta->Get("cName"));
      }},
     {"Table::get_item_max",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       std::unique_ptr<DbFilters> col(AgeIs(meta, 0));
-       DbFilters none;
-       std::string out;
-       arm();
-       return table->get_item_max(*col, none, out);
-     }},
+     [](Table* t, Args& a) { return t->get_item_max(a.col, a.none, a.out); }},
     {"Table::get_item_min",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       std::unique_ptr<DbFilters> col(AgeIs(meta, 0));
-       DbFilters none;
-       std::string out;
-       arm();
-       return table->get_item_min(*col, none, out);
-     }},
+     [](Table* t, Args& a) { return t->get_item_min(a.col, a.none, a.out); }},
     {"Table::add_index",
-     [](Table* table, Meta* meta, const Arm& arm) {
-       arm();
-       return table->add_index("iy", meta->Get("cName"));
-     }},
-    {"Table::drop_index",
-     [](Table* table, Meta*, const Arm& arm) {
-       // A name short enough that its copy into the by-value parameter, made
-       // by the caller, needs no allocation.
-       std::string name = "ix_age";
-       arm();
-       return table->drop_index(name);
-     }},
-    {"Table::table_vacuum",
-     [](Table* table, Meta*, const Arm& arm) {
-       arm();
-       return table->table_vacuum();
-     }},
+     [](Table* t, Args& a) { return t->add_index("iy", a.meta->Get("cName")); }},
+    {"Table::drop_index", [](Table* t, Args&) { return t->drop_index("ix_age"); }},
+    {"Table::table_vacuum", [](Table* t, Args&) { return t->table_vacuum(); }},
 };
 
 std::string CallName(const testing::TestParamInfo<GuardedCall>& info) {
