@@ -14,6 +14,7 @@
 
 #include "DBConn.h"
 #include "OutOfMemory.h"
+#include "bounded_mem.h"
 #include "db/CallerChecks.h"
 #include "db/ColumnCopy.h"
 #include "db/SqlRun.h"
