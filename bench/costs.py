@@ -25,6 +25,8 @@ import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(ROOT, "scripts"))
+from reportlib import markdown  # noqa: E402
 
 # Sizes: (full, quick).
 SIZES = {
@@ -233,13 +235,6 @@ def thinned(series, most=600):
             for i in range(0, len(series), step_size)]
 
 
-def md_table(headers, rows):
-    lines = ["| " + " | ".join(headers) + " |",
-             "|" + "|".join("---:" if i else "---" for i in range(len(headers))) + "|"]
-    lines += ["| " + " | ".join(str(c) for c in row) + " |" for row in rows]
-    return lines
-
-
 def within(lib, raw, share):
     return abs(lib - raw) <= share * raw if raw else lib == 0
 
@@ -266,9 +261,9 @@ def render(data, reports):
                      f"{case['raw_syncs_per_event']:.3f}",
                      f"{case['lib_files']['database']['bytes_per_event']:.0f} / "
                      f"{case['lib_files']['journal']['bytes_per_event'] + case['lib_files']['wal']['bytes_per_event']:.0f}"])
-    lines += md_table(["arch", "op", "batch", "journal", "synchronous", "lib B/event",
-                       "raw B/event", "lib syncs/event", "raw syncs/event",
-                       "lib db / journal+WAL B/event"], rows)
+    lines += markdown.table(["arch", "op", "batch", "journal", "synchronous", "lib B/event",
+                             "raw B/event", "lib syncs/event", "raw syncs/event",
+                             "lib db / journal+WAL B/event"], rows, right_from=1)
     lines += ["", "### Heap per call", "",
               "Peak bytes above the level before the call. `lib` is everything outside "
               "SQLite's allocator (the library, the C++ runtime it calls, and the crypto "
@@ -280,10 +275,11 @@ def render(data, reports):
               "(get_item_vz apart: it appends to the caller's vector, and while that vector "
               "grows its old and new element arrays are held at once, which grows with the "
               "rows read).", ""]
-    lines += md_table(["arch", "op", "rows", "lib peak B", "sqlite peak B", "caller owned B"],
-                      [[c["arch"], c["op"], c["rows"], c["lib_peak_bytes"],
-                        c["sqlite_peak_bytes"], c["caller_owned_bytes"]]
-                       for c in data["heap"]])
+    lines += markdown.table(["arch", "op", "rows", "lib peak B", "sqlite peak B",
+                             "caller owned B"],
+                            [[c["arch"], c["op"], c["rows"], c["lib_peak_bytes"],
+                              c["sqlite_peak_bytes"], c["caller_owned_bytes"]]
+                             for c in data["heap"]], right_from=1)
     lines += ["", "### Growth with the table's size", "",
               "Instructions per row under callgrind, only the measured call collected: "
               "add_item of 10 batches of 32 (per row inserted), a get_item of 100 rows "
@@ -292,10 +288,10 @@ def render(data, reports):
               "and stops early).", ""]
     sizes = sorted({c["rows"] for c in data["growth"]})
     by = {(c["op"], c["rows"]): c["ir_per_row"] for c in data["growth"]}
-    lines += md_table(["op"] + [f"{s:,} rows" for s in sizes] + ["largest / smallest"],
-                      [[op] + [f"{by[(op, s)]:,.0f}" for s in sizes] +
-                       [f"{by[(op, sizes[-1])] / by[(op, sizes[0])]:.2f}"]
-                       for op in GROWTH_OPS])
+    lines += markdown.table(["op"] + [f"{s:,} rows" for s in sizes] + ["largest / smallest"],
+                            [[op] + [f"{by[(op, s)]:,.0f}" for s in sizes] +
+                             [f"{by[(op, sizes[-1])] / by[(op, sizes[0])]:.2f}"]
+                             for op in GROWTH_OPS], right_from=1)
     first, last = sizes[0], sizes[-1]
     lines += ["", f"Goals, {last:,} rows against {first:,}: add_item "
               f"{by[('add_item', last)] / by[('add_item', first)]:.2f} (at most "
@@ -312,8 +308,9 @@ def render(data, reports):
                           f"{s['max_database_bytes']:,}",
                           f"{s['max_journal_or_wal_bytes']:,}",
                           f"{s['max_over_steady']:.2f}"])
-    lines += md_table(["run", "journal", "events", "window", "steady B", "max B",
-                       "max db file B", "max journal/WAL B", "max / steady"], soak_rows)
+    lines += markdown.table(["run", "journal", "events", "window", "steady B", "max B",
+                             "max db file B", "max journal/WAL B", "max / steady"],
+                            soak_rows, right_from=1)
     for key in ("soak", "soak_wal"):
         s = data[key]
         lines += ["", f"{key}: max / steady {s['max_over_steady']:.2f} (goal at most "
@@ -325,12 +322,12 @@ def render(data, reports):
               "### Library against raw instructions", "",
               f"From `bench/callgrind --rows {data['sizes']['pair_rows']}` "
               f"(goal {goals['ir_ratio']}).", ""]
-    lines += md_table(["pair", "library/raw", "goal met", "Ir in bounded copies",
-                       "library/raw without them"],
-                      [[d["pair"], f"{d['ratio']:.3f}",
-                        "yes" if d["ratio"] <= goals["ir_ratio"] else "no",
-                        f"{d['bounded_copy_ir']:,}", f"{d['ratio_without_bounded_copies']:.3f}"]
-                       for d in data["ir_ratio_detail"]])
+    lines += markdown.table(["pair", "library/raw", "goal met", "Ir in bounded copies",
+                             "library/raw without them"],
+                            [[d["pair"], f"{d['ratio']:.3f}",
+                              "yes" if d["ratio"] <= goals["ir_ratio"] else "no",
+                              f"{d['bounded_copy_ir']:,}", f"{d['ratio_without_bounded_copies']:.3f}"]
+                             for d in data["ir_ratio_detail"]], right_from=1)
     lines += ["", "The reads copy every text column with `strncpy_s` and every blob with "
               "`memcpy_s`, one call per column as the library's contract fixes (the device "
               "links its own bounded functions, so they cannot be inlined); the raw side "

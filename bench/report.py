@@ -19,6 +19,11 @@ import platform
 import re
 import statistics
 import subprocess
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
+                                "scripts"))
+from reportlib import markdown  # noqa: E402
 
 SIDES = ("library", "raw", "raw_bound")
 
@@ -217,42 +222,37 @@ def pair_table(samples, pair):
     if not rows:
         return []
     bound = any("raw_bound" in samples[(pair, n)] for n in rows)
-    header = ("| N | library rows/s | raw rows/s | library/raw | rounds' range | "
-              "spread library/raw |")
-    rule = "|---:|---:|---:|---:|---:|---:|"
+    headers = ["N", "library rows/s", "raw rows/s", "library/raw", "rounds' range",
+               "spread library/raw"]
     if bound:
-        header += " raw prepared-once rows/s | library/prepared-once |"
-        rule += "---:|---:|"
-    lines = [header, rule]
+        headers += ["raw prepared-once rows/s", "library/prepared-once"]
+    cells = []
     for n in rows:
         sides = samples[(pair, n)]
         library, raw = sides.get("library"), sides.get("raw")
-        line = "| %s | %s | %s | %s | %s | %s / %s |" % (
-            n or "-", rate(median_rate(library)), rate(median_rate(raw)),
-            ratio_text(paired_ratio(library, raw)), ratio_range(library, raw),
-            spread(library), spread(raw))
+        row = [n or "-", rate(median_rate(library)), rate(median_rate(raw)),
+               ratio_text(paired_ratio(library, raw)), ratio_range(library, raw),
+               "%s / %s" % (spread(library), spread(raw))]
         if bound:
             ceiling = sides.get("raw_bound")
-            line += " %s | %s |" % (rate(median_rate(ceiling)),
-                                    ratio_text(paired_ratio(library, ceiling)))
-        lines.append(line)
-    return lines
+            row += [rate(median_rate(ceiling)), ratio_text(paired_ratio(library, ceiling))]
+        cells.append(row)
+    return markdown.table(headers, cells, right_from=0)
 
 
 def armhf_table(samples):
     """Ratios only: library/raw and library/prepared-once, per pair and N."""
-    lines = ["| pair | N | library/raw | rounds' range | spread library/raw | "
-             "library/prepared-once |",
-             "|---|---:|---:|---:|---:|---:|"]
+    cells = []
     for pair, _ in PAIRS:
         for n in sorted((n for (p, n) in samples if p == pair), key=sort_key):
             sides = samples[(pair, n)]
             library, raw = sides.get("library"), sides.get("raw")
-            lines.append("| %s | %s | %s | %s | %s / %s | %s |" % (
-                pair, n or "-", ratio_text(paired_ratio(library, raw)),
-                ratio_range(library, raw), spread(library), spread(raw),
-                ratio_text(paired_ratio(library, sides.get("raw_bound")))))
-    return lines if len(lines) > 2 else []
+            cells.append([pair, n or "-", ratio_text(paired_ratio(library, raw)),
+                          ratio_range(library, raw), "%s / %s" % (spread(library), spread(raw)),
+                          ratio_text(paired_ratio(library, sides.get("raw_bound")))])
+    headers = ["pair", "N", "library/raw", "rounds' range", "spread library/raw",
+               "library/prepared-once"]
+    return markdown.table(headers, cells, right_from=1) if cells else []
 
 
 def library_over_raw(samples, pair, n):
@@ -270,9 +270,9 @@ def callgrind_ratios(text):
     return ratios
 
 
-def goal_line(name, value, bound, at_least, meaning):
+def goal_row(name, value, bound, at_least, meaning):
     if value is None:
-        return "| %s | %s | not measured |" % (name, meaning)
+        return [name, meaning, "not measured"]
     met = value >= bound if at_least else value <= bound
     if met:
         verdict = "met (%.3f)" % value
@@ -280,27 +280,26 @@ def goal_line(name, value, bound, at_least, meaning):
         short = (bound - value) / bound if at_least else (value - bound) / bound
         verdict = "**missed** (%.3f, %.1f%% %s the goal)" % (
             value, 100 * short, "short of" if at_least else "over")
-    return "| %s | %s | %s |" % (name, meaning, verdict)
+    return [name, meaning, verdict]
 
 
 def goals(samples, callgrind):
-    lines = ["| goal (N = 1000) | measure | result |", "|---|---|---|"]
-    lines.append(goal_line("`add_item` >= 0.90x raw same-statement",
-                           library_over_raw(samples, "insert", "1000"), 0.90, True,
-                           "rows/s, library/raw (median over rounds)"))
-    lines.append(goal_line("`get_item` >= 0.90x raw step+copy",
-                           library_over_raw(samples, "read_all", "1000"), 0.90, True,
-                           "rows/s, library/raw, all columns (median over rounds)"))
+    rows = [goal_row("`add_item` >= 0.90x raw same-statement",
+                     library_over_raw(samples, "insert", "1000"), 0.90, True,
+                     "rows/s, library/raw (median over rounds)"),
+            goal_row("`get_item` >= 0.90x raw step+copy",
+                     library_over_raw(samples, "read_all", "1000"), 0.90, True,
+                     "rows/s, library/raw, all columns (median over rounds)")]
     count = library_over_raw(samples, "count", "1000")
-    lines.append(goal_line("`get_item_cnt` within 1.10x raw",
-                           None if count is None else 1 / count, 1.10, False,
-                           "time per call, library/raw (median over rounds)"))
+    rows.append(goal_row("`get_item_cnt` within 1.10x raw",
+                         None if count is None else 1 / count, 1.10, False,
+                         "time per call, library/raw (median over rounds)"))
     for pair in ("insert", "read_all", "read_filtered", "read_columns", "count"):
         entry = callgrind.get(pair)
-        lines.append(goal_line("callgrind Ir/row <= 1.10x raw (%s)" % pair,
-                               entry[2] if entry else None, 1.10, False,
-                               "instructions per row, library/raw"))
-    return lines
+        rows.append(goal_row("callgrind Ir/row <= 1.10x raw (%s)" % pair,
+                             entry[2] if entry else None, 1.10, False,
+                             "instructions per row, library/raw"))
+    return markdown.table(["goal (N = 1000)", "measure", "result"], rows)
 
 
 def main():

@@ -15,6 +15,8 @@ import json
 import os
 import sys
 
+from reportlib import markdown
+
 
 def merge(group_dir):
     merged = {}
@@ -38,11 +40,8 @@ def cell(value):
 
 
 def table(rows, columns, headers=None):
-    lines = ["| " + " | ".join(headers or columns) + " |",
-             "|" + "---|" * len(columns)]
-    for row in rows:
-        lines.append("| " + " | ".join(cell(row.get(c, "")) for c in columns) + " |")
-    return lines
+    return markdown.table(headers or columns,
+                          [[cell(row.get(c, "")) for c in columns] for row in rows])
 
 
 def rows_table(rows, first=None):

@@ -18,7 +18,7 @@ int g_enRecordDebugFlag = 0;  // C linkage from the declaration in DBCommon.h
 
 namespace {
 
-constexpr const char* kModule = "src_db/src/DBCommon";
+constexpr const char* kModule = ipc_db::detail::kLogModuleDBCommon;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;

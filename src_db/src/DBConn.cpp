@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr const char* kModule = "src_db/src/DBConn";
+constexpr const char* kModule = ipc_db::detail::kLogModuleDBConn;
 using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::QueueSettings;

@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr const char* kModule = "src_db/src/SQLiteDBConn";
+constexpr const char* kModule = ipc_db::detail::kLogModuleSQLiteDBConn;
 using ipc_db::detail::AnswerOutOfMemory;
 using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogDebug;

@@ -5,7 +5,7 @@
 #include "Log.h"
 
 namespace {
-constexpr const char* kModule = "src_db/src/StorageMutex";
+constexpr const char* kModule = ipc_db::detail::kLogModuleStorageMutex;
 }  // namespace
 
 using ipc_db::detail::kLogError;

@@ -6,11 +6,11 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "ConnHandle.h"
 #include "Db.h"
 #include "Log.h"
+#include "db/ColumnKind.h"
 #include "db/FieldText.h"
 
 namespace ipc_db::detail {
@@ -18,7 +18,7 @@ namespace ipc_db::detail {
 namespace {
 
 bool IsIntegerMember(const Member& member) {
-  return std::string_view(member.sql_type) == std::string_view("INTEGER");
+  return ColumnKindOf(member) == ColumnKind::kInteger;
 }
 
 // True when the term's operator reads a character or array value through
@@ -73,6 +73,13 @@ bool CheckTableObjects(const Table& table) {
     return false;
   }
   return true;
+}
+
+bool CheckConnection(const Table& table) {
+  if (!CheckTableObjects(table)) return false;
+  if (table.parent->m_pDBConn != nullptr) return true;
+  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
+  return false;
 }
 
 bool CheckOpenHandle(const Table& table) {

@@ -22,6 +22,10 @@ namespace ipc_db::detail {
 // "meta_data is null.\n").
 bool CheckTableObjects(const Table& table);
 
+// CheckTableObjects, and the Db has a connection object
+// ("parent->m_pDBConn is null.\n", the row operations' wording).
+bool CheckConnection(const Table& table);
+
 // The table's connection holds an open SQLite handle
 // ("parent->m_pDBConn->m_pSqliteDB is null.\n"). REQUIRES: the connection
 // exists.

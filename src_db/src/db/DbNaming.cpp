@@ -10,8 +10,11 @@
 #include "Log.h"
 #include "Meta.h"
 #include "db/CallerChecks.h"
+#include "db/ColumnKind.h"
 #include "db/MemberDefaults.h"
 
+using ipc_db::detail::kBlobType;
+using ipc_db::detail::kIntegerType;
 using ipc_db::detail::kUnknownType;
 
 namespace {
@@ -23,11 +26,11 @@ const char* SqlTypeOfLetter(char letter) {
     case 'c':
       return "CHAR";
     case 'b':
-      return "BLOB";
+      return kBlobType;
     case 't':
       return "TEXT";
     case 'i':
-      return "INTEGER";
+      return kIntegerType;
     case 'd':
       return "datetime";
     default:

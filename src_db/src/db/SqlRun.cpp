@@ -1,30 +1,15 @@
-// Statement running for the table operations: the connection check, the
-// handle accessor, blob-bound statements, failure logging and the
-// transaction statements around multi-record operations.
+// Statement running for the table operations: the handle accessor,
+// blob-bound statements, failure logging, text run through the connection
+// and the transaction statements around multi-record operations.
 #include "db/SqlRun.h"
 
 #include "ConnHandle.h"
-#include "DBConn.h"
-#include "db/CallerChecks.h"
+#include "Db.h"
 
 namespace ipc_db::detail {
 
-bool CheckConnection(const Table& table) {
-  if (!CheckTableObjects(table)) return false;
-  if (table.parent->m_pDBConn != nullptr) return true;
-  DB_LOG(kLogError, "parent->m_pDBConn is null.\n");
-  return false;
-}
-
 sqlite3* TableHandle(const Table& table) {
   return SqliteHandleOf(table.parent->m_pDBConn);
-}
-
-ColumnKind KindOf(const Member* member) {
-  if (member->sql_type == "INTEGER") {
-    return member->type_meta->type_size == 4 ? ColumnKind::kInt32 : ColumnKind::kInt64;
-  }
-  return member->sql_type == "BLOB" ? ColumnKind::kBlob : ColumnKind::kText;
 }
 
 void LogSqliteFailure(SqliteCall call, int code, sqlite3* db) {
@@ -83,7 +68,7 @@ long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operati
 }
 
 long long RunTransactionStatement(const Table& table, bool begin, bool withLineEnd) {
-  const char* sql = begin ? "begin;" : "commit;";
+  const char* sql = begin ? kBeginText : kCommitText;
   long long result = table.parent->m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);
   if (begin) {
     if (withLineEnd) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Log.h"
+#include "db/ColumnKind.h"
 #include "db/FieldText.h"
 #include "db/TermText.h"
 
@@ -34,7 +35,8 @@ void LogWrongFormat() { DB_LOG(kLogError, "filter in wrong format\n"); }
 // cannot open it. The texts are views of literals: appending them needs no
 // length count.
 std::string_view ClauseOpening(DbFilterOperator first) {
-  if (first == DB_FILTER_OP_AND || first == DB_FILTER_OP_OFFSET) return std::string_view();
+  if (first == DB_FILTER_OP_AND || first == DB_FILTER_OP_OFFSET)
+    return std::string_view();
   return OpensClause(first) ? " " : " where ";
 }
 
@@ -59,17 +61,21 @@ void AppendIntegerValue(std::string* sql, const Member* member, const char* fiel
 void AppendValue(std::string* sql, const Member* member, const char* field,
                  BoundBlob* blob) {
   size_t width = member->type_meta->type_size;
-  if (member->sql_type == "BLOB") {
-    sql->push_back('?');
-    blob->data = field;
-    blob->size = static_cast<int>(width);
-    blob->present = true;
-  } else if (member->sql_type == "INTEGER") {
-    AppendIntegerValue(sql, member, field);
-  } else {
-    sql->push_back('\'');
-    AppendFieldChars(sql, field, width);
-    sql->push_back('\'');
+  switch (ColumnKindOf(*member)) {
+    case ColumnKind::kBlob:
+      sql->push_back('?');
+      blob->data = field;
+      blob->size = static_cast<int>(width);
+      blob->present = true;
+      return;
+    case ColumnKind::kInteger:
+      AppendIntegerValue(sql, member, field);
+      return;
+    case ColumnKind::kText:
+      sql->push_back('\'');
+      AppendFieldChars(sql, field, width);
+      sql->push_back('\'');
+      return;
   }
 }
 
@@ -135,7 +141,7 @@ void AppendSelectList(const Table& table, const DbFilters& cols, std::string* sq
 }
 
 bool IsBlobTerm(const DbFilter* term) {
-  return term->member != nullptr && term->member->sql_type == "BLOB";
+  return term->member != nullptr && ColumnKindOf(*term->member) == ColumnKind::kBlob;
 }
 
 void AppendBlobTerm(const Table& table, const DbFilter* term, std::string* sql,
@@ -239,9 +245,10 @@ bool BuildCount(const Table& table, const DbFilters& filters, std::string* sql) 
   return true;
 }
 
-bool BuildExtremum(const Table& table, const char* function, const Member* member,
+bool BuildExtremum(const Table& table, Extremum extremum, const Member* member,
                    const DbFilters& filters, std::string* sql) {
-  sql->append(function).append(ColumnName(table, member)).append(")");
+  sql->append(extremum == Extremum::kMax ? "select max(" : "select min(");
+  sql->append(ColumnName(table, member)).append(")");
   sql->append(" from ").append(table.meta_data->type_name);
   if (!AppendFilterClause(table, filters, sql)) return false;
   sql->append(";");

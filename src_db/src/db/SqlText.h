@@ -1,10 +1,12 @@
-// Assembly of the SQL text that the table operations send: column names in
+// Assembly of the SQL text that the record operations send: column names in
 // the table's naming mode, the select list, the filter clause (with its
-// ordering, limit and offset rules) and the whole select, insert, update,
-// delete, count and max/min statements. Values are written into the text as
-// they stand in the caller's memory, without escaping; blobs are left as "?"
-// parameters and handed back as BoundBlob for db/SqlRun to bind. Nothing
-// here touches the database.
+// ordering, limit and offset rules; each term's text comes from
+// db/TermText), the whole select, insert, update, delete, count and max/min
+// statements, and the transaction statements around multi-record calls.
+// Values are written into the text as they stand in the caller's memory,
+// without escaping; blobs are left as "?" parameters and handed back as
+// BoundBlob for db/SqlRun to bind. Nothing here touches the database. The
+// schema statements are in db/SchemaText.
 #ifndef IPC_DB_SRC_DB_SQLTEXT_H_
 #define IPC_DB_SRC_DB_SQLTEXT_H_
 
@@ -49,7 +51,7 @@ struct BoundBlob {
   bool present = false;
 };
 
-// True for a term whose member is a "BLOB" column.
+// True for a term whose member is a blob column.
 bool IsBlobTerm(const DbFilter* term);
 
 // Appends "<column> = ?" for a blob term and remembers its data in `blob`.
@@ -96,10 +98,17 @@ std::string DeleteStatement(const Table& table, const DbFilters& list);
 // "select count(*) from <table><filter clause>;". False when refused.
 bool BuildCount(const Table& table, const DbFilters& filters, std::string* sql);
 
-// "<function><column>) from <table><filter clause>;" where `function` is
-// "select max(" or "select min(". False when refused.
-bool BuildExtremum(const Table& table, const char* function, const Member* member,
+// Which end of a column's values an aggregate asks for.
+enum class Extremum { kMax, kMin };
+
+// "select max(<column>) from <table><filter clause>;" (min( for kMin).
+// False when refused.
+bool BuildExtremum(const Table& table, Extremum extremum, const Member* member,
                    const DbFilters& filters, std::string* sql);
+
+// The transaction statements around a multi-record operation.
+inline constexpr char kBeginText[] = "begin;";
+inline constexpr char kCommitText[] = "commit;";
 
 }  // namespace ipc_db::detail
 

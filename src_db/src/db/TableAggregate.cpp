@@ -3,6 +3,7 @@
 // the first value cell of the result table. Numbers are converted with
 // std::stol, so a value beyond the range of `long` throws std::out_of_range
 // on targets where `long` has 32 bits.
+#include <new>
 #include <string>
 
 #include "DBConn.h"
@@ -10,6 +11,7 @@
 #include "OutOfMemory.h"
 #include "SqliteOwners.h"
 #include "db/CallerChecks.h"
+#include "db/ColumnKind.h"
 #include "db/SqlText.h"
 
 using ipc_db::detail::BuildCount;
@@ -17,35 +19,33 @@ using ipc_db::detail::BuildExtremum;
 using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckTableObjects;
+using ipc_db::detail::ColumnKind;
+using ipc_db::detail::ColumnKindOf;
+using ipc_db::detail::DbOutOfMemory;
+using ipc_db::detail::Extremum;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::ScopedExecResult;
 
 namespace {
 
-// The texts in which max and min differ.
-struct Extremum {
-  const char* function;  // "select max(" or "select min("
-  bool isMax;
-};
-
-void LogOneFieldOnly(bool isMax) {
-  if (isMax) {
+void LogOneFieldOnly(Extremum extremum) {
+  if (extremum == Extremum::kMax) {
     DB_LOG(kLogError, "The get_item_max only supports one filed.");
   } else {
     DB_LOG(kLogError, "The get_item_min only supports one filed.");
   }
 }
 
-void LogExtremumFailed(bool isMax) {
-  if (isMax) {
+void LogExtremumFailed(Extremum extremum) {
+  if (extremum == Extremum::kMax) {
     DB_LOG(kLogError, "ExecuteSQL for get_item_max failed !");
   } else {
     DB_LOG(kLogError, "ExecuteSQL for get_item_min failed !");
   }
 }
 
-long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
+long long GetExtremum(Table& table, Extremum extremum, DbFilters& col,
                       const DbFilters& filters, std::string& out) {
   if (!CheckTableObjects(table)) return -1;
   CDBConn* conn = table.parent->m_pDBConn;
@@ -54,16 +54,16 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
     return -1;
   }
   if (col.filters.size() != 1) {
-    LogOneFieldOnly(kind.isMax);
+    LogOneFieldOnly(extremum);
     return -1;
   }
   if (!CheckColumnTerms(col) || !CheckFilterTerms(filters)) return -1;
   const Member* member = col.filters[0]->member;
   std::string sql;
-  if (!BuildExtremum(table, kind.function, member, filters, &sql)) return -1;
+  if (!BuildExtremum(table, extremum, member, filters, &sql)) return -1;
   ScopedExecResult result(conn);
   if (conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC) != 0) {
-    LogExtremumFailed(kind.isMax);
+    LogExtremumFailed(extremum);
     return -1;
   }
   const char* value = result.FirstValue();
@@ -72,44 +72,44 @@ long long GetExtremum(Table& table, const Extremum& kind, DbFilters& col,
     return 0;
   }
   out = value;
-  return member->sql_type == "INTEGER" ? std::stol(out, nullptr, 10) : 0;
+  return ColumnKindOf(*member) == ColumnKind::kInteger ? std::stol(out, nullptr, 10) : 0;
 }
 
 }  // namespace
 
-long long Table::get_item_cnt(DbFilters& filters) {
-  return ipc_db::detail::DbCall("Table::get_item_cnt", -1LL, [&]() -> long long {
-    if (!CheckTableObjects(*this)) return -1;
-    CDBConn* conn = parent->m_pDBConn;
-    if (conn == nullptr) {
-      DB_LOG(kLogError, "parent->m_pDBConn is null.");
-      return -1;
-    }
-    if (!CheckFilterTerms(filters)) return -1;
-    std::string sql;
-    if (!BuildCount(*this, filters, &sql)) return -1;
-    ScopedExecResult result(conn);
-    long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
-    DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
-    if (code != 0) {
-      DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
-      return -1;
-    }
-    const char* value = result.FirstValue();
-    return value == nullptr ? 0 : std::stol(value, nullptr, 10);
-  });
+long long Table::get_item_cnt(DbFilters& filters) try {
+  if (!CheckTableObjects(*this)) return -1;
+  CDBConn* conn = parent->m_pDBConn;
+  if (conn == nullptr) {
+    DB_LOG(kLogError, "parent->m_pDBConn is null.");
+    return -1;
+  }
+  if (!CheckFilterTerms(filters)) return -1;
+  std::string sql;
+  if (!BuildCount(*this, filters, &sql)) return -1;
+  ScopedExecResult result(conn);
+  long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
+  if (code != 0) {
+    DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");
+    return -1;
+  }
+  const char* value = result.FirstValue();
+  return value == nullptr ? 0 : std::stol(value, nullptr, 10);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_cnt", -1LL);
 }
 
 long long Table::get_item_max(DbFilters& col, const DbFilters& filters,
-                              std::string& out) {
-  return ipc_db::detail::DbCall("Table::get_item_max", -1LL, [&]() -> long long {
-    return GetExtremum(*this, Extremum{"select max(", true}, col, filters, out);
-  });
+                              std::string& out) try {
+  return GetExtremum(*this, Extremum::kMax, col, filters, out);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_max", -1LL);
 }
 
 long long Table::get_item_min(DbFilters& col, const DbFilters& filters,
-                              std::string& out) {
-  return ipc_db::detail::DbCall("Table::get_item_min", -1LL, [&]() -> long long {
-    return GetExtremum(*this, Extremum{"select min(", false}, col, filters, out);
-  });
+                              std::string& out) try {
+  return GetExtremum(*this, Extremum::kMin, col, filters, out);
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_min", -1LL);
 }

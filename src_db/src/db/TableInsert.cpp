@@ -4,6 +4,7 @@
 // NULL), text quoted as it stands, and a blob bound as the statement's one
 // parameter. Several records run inside one transaction; a failure returns
 // at once and leaves that transaction open on the handle.
+#include <new>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CheckMembers;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::CheckRecordLayout;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::EveryMemberMatches;
 using ipc_db::detail::InsertPrefix;
 using ipc_db::detail::InsertStatement;
@@ -63,22 +65,22 @@ bool CheckArguments(const Table& table, const void* obj, unsigned long long item
 }  // namespace
 
 long long Table::add_item(void* obj, unsigned long long itemcnt,
-                          const DbFilters& filters) {
-  return ipc_db::detail::DbCall("Table::add_item", -1LL, [&]() -> long long {
-    if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
-    bool batch = itemcnt > 1;
-    if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
-    std::vector<Member*> columns = SelectedMembers(*this, filters);
-    std::string prefix = InsertPrefix(*this, columns);
-    sqlite3* db = TableHandle(*this);
-    const char* records = static_cast<const char*>(obj);
-    for (unsigned long long i = 0; i < itemcnt; ++i) {
-      BoundBlob blob;
-      const char* record = records + i * meta_data->type_size;
-      std::string sql = InsertStatement(prefix, columns, record, &blob);
-      if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
-    }
-    if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
-    return 0;
-  });
+                          const DbFilters& filters) try {
+  if (!CheckArguments(*this, obj, itemcnt, filters)) return -1;
+  bool batch = itemcnt > 1;
+  if (batch && RunTransactionStatement(*this, true, false) != 0) return -1;
+  std::vector<Member*> columns = SelectedMembers(*this, filters);
+  std::string prefix = InsertPrefix(*this, columns);
+  sqlite3* db = TableHandle(*this);
+  const char* records = static_cast<const char*>(obj);
+  for (unsigned long long i = 0; i < itemcnt; ++i) {
+    BoundBlob blob;
+    const char* record = records + i * meta_data->type_size;
+    std::string sql = InsertStatement(prefix, columns, record, &blob);
+    if (RunBoundStatement(db, sql, {&blob}) != 0) return -1;
+  }
+  if (batch && RunTransactionStatement(*this, false, false) != 0) return -1;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::add_item", -1LL);
 }

@@ -4,15 +4,18 @@
 // overwriting the previous one. Every value is copied from SQLite's own
 // column buffer into the caller's memory with one bounded copy, without
 // intermediate strings.
+#include <new>
 #include <string>
 #include <vector>
 
 #include "DBConn.h"
 #include "OutOfMemory.h"
 #include "db/CallerChecks.h"
+#include "db/ColumnCopy.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::BuildSelect;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
@@ -20,18 +23,20 @@ using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckMembers;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::CheckRecordLayout;
-using ipc_db::detail::ColumnKind;
 using ipc_db::detail::CopyColumn;
-using ipc_db::detail::KindOf;
+using ipc_db::detail::CopyKind;
+using ipc_db::detail::CopyKindOf;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunSelect;
 using ipc_db::detail::SelectedMembers;
+using ipc_db::detail::TableHandle;
 
 namespace {
 
 // Where and how one selected column lands in a row's destination.
 struct ColumnTarget {
-  ColumnKind kind;
+  CopyKind kind;
   size_t width;
   size_t offset;
 };
@@ -44,7 +49,8 @@ std::vector<ColumnTarget> PlanTargets(const std::vector<Member*>& members, bool 
   size_t packedOffset = 0;
   for (const Member* member : members) {
     size_t width = member->type_meta->type_size;
-    targets.push_back({KindOf(member), width, packed ? packedOffset : member->offset});
+    targets.push_back(
+        {CopyKindOf(*member), width, packed ? packedOffset : member->offset});
     packedOffset += width;
   }
   return targets;
@@ -68,32 +74,32 @@ bool CheckReadArguments(const Table& table, const DbFilters& cols,
 }  // namespace
 
 long long Table::get_item(DbFilters& cols, DbFilters& filters,
-                          unsigned long long& itemcnt, void* obj) {
-  return ipc_db::detail::DbCall("Table::get_item", -1LL, [&]() -> long long {
-    if (!CheckConnection(*this)) return -1;
-    if (obj == nullptr) {
-      DB_LOG(kLogError, "vecOutRows is null.\n");
-      return -1;
-    }
-    if (!CheckReadArguments(*this, cols, filters, itemcnt)) return -1;
-    bool packed = !cols.filters.empty();
-    std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
-    char* records = static_cast<char*>(obj);
-    size_t stride = packed ? 0 : meta_data->type_size;
-    // The plan's bounds are copied into the row function, so that the loop
-    // over a row's columns keeps them in registers across the SQLite calls.
-    const ColumnTarget* first = targets.data();
-    const ColumnTarget* last = first + targets.size();
-    return RunSelect(*this, cols, filters, itemcnt,
-                     [records, stride, first, last](sqlite3_stmt* stmt,
-                                                    unsigned long long row) {
-                       char* base = records + row * stride;
-                       int column = 0;
-                       for (const ColumnTarget* target = first; target != last;
-                            ++target, ++column) {
-                         CopyColumn(stmt, column, target->kind, target->width,
-                                    base + target->offset);
-                       }
-                     });
-  });
+                          unsigned long long& itemcnt, void* obj) try {
+  if (!CheckConnection(*this)) return -1;
+  if (obj == nullptr) {
+    DB_LOG(kLogError, "vecOutRows is null.\n");
+    return -1;
+  }
+  if (!CheckReadArguments(*this, cols, filters, itemcnt)) return -1;
+  bool packed = !cols.filters.empty();
+  std::vector<ColumnTarget> targets = PlanTargets(SelectedMembers(*this, cols), packed);
+  std::string sql;
+  if (!BuildSelect(*this, cols, filters, &sql)) return -1;
+  char* records = static_cast<char*>(obj);
+  size_t stride = packed ? 0 : meta_data->type_size;
+  // The plan's bounds are copied into the row function, so that the loop
+  // over a row's columns keeps them in registers across the SQLite calls.
+  const ColumnTarget* first = targets.data();
+  const ColumnTarget* last = first + targets.size();
+  return RunSelect(
+      TableHandle(*this), sql, itemcnt,
+      [records, stride, first, last](sqlite3_stmt* stmt, unsigned long long row) {
+        char* base = records + row * stride;
+        int column = 0;
+        for (const ColumnTarget* target = first; target != last; ++target, ++column) {
+          CopyColumn(stmt, column, target->kind, target->width, base + target->offset);
+        }
+      });
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item", -1LL);
 }

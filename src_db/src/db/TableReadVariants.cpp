@@ -14,10 +14,13 @@
 
 #include "DBConn.h"
 #include "OutOfMemory.h"
+#include "bounded_mem.h"
 #include "db/CallerChecks.h"
+#include "db/ColumnCopy.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"
 
+using ipc_db::detail::BuildSelect;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckColumnTerms;
 using ipc_db::detail::CheckConnection;
@@ -27,11 +30,13 @@ using ipc_db::detail::CheckMemberType;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::CheckRecordLayout;
 using ipc_db::detail::CopyColumn;
+using ipc_db::detail::CopyKindOf;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::EveryMemberMatches;
-using ipc_db::detail::KindOf;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::RunSelect;
 using ipc_db::detail::SelectedMembers;
+using ipc_db::detail::TableHandle;
 
 namespace {
 
@@ -101,8 +106,8 @@ void CopyIntoLayout(Db* db, sqlite3_stmt* stmt, const std::vector<Member*>& matc
     Member* member = matches[i];
     if (member == nullptr) continue;
     db->preProcMember(member);
-    CopyColumn(stmt, static_cast<int>(i), KindOf(member), member->type_meta->type_size,
-               record + member->offset);
+    CopyColumn(stmt, static_cast<int>(i), CopyKindOf(*member),
+               member->type_meta->type_size, record + member->offset);
   }
 }
 
@@ -139,20 +144,27 @@ class ScratchRecord {
   size_t size_;
 };
 
-// The shared body of get_item_lz and get_item_vz: one string per row.
-template <typename Append>
-long long ReadTexts(Table& table, DbFilters& cols, DbFilters& filters,
-                    unsigned long long& itemcnt, Meta* userMeta, Append&& append) {
+// The body of get_item_lz and get_item_vz: one string per row, appended to
+// `out`. It answers an allocation failure itself, as those two calls would,
+// with `operation` naming the call in the entry.
+template <typename Texts>
+long long ReadTexts(const char* operation, Table& table, DbFilters& cols,
+                    DbFilters& filters, unsigned long long& itemcnt, Meta* userMeta,
+                    Texts* out) try {
   if (!CheckConnection(table) || !CheckUserMeta(table, cols, userMeta)) return -1;
   if (!CheckFilterTerms(filters) || !CheckOpenHandle(table)) return -1;
   std::vector<Member*> matches = MatchColumns(table, cols, userMeta);
   ScratchRecord scratch(userMeta->type_size);
   if (!scratch.Usable()) return -1;
-  return RunSelect(table, cols, filters, itemcnt,
+  std::string sql;
+  if (!BuildSelect(table, cols, filters, &sql)) return -1;
+  return RunSelect(TableHandle(table), sql, itemcnt,
                    [&](sqlite3_stmt* stmt, unsigned long long) {
                      CopyIntoLayout(table.parent, stmt, matches, scratch.Clear());
-                     append(scratch.Text(userMeta->type_size));
+                     out->push_back(scratch.Text(userMeta->type_size));
                    });
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory(operation, -1LL);
 }
 
 // Column index of the first selected column named like `member`, or -1.
@@ -167,81 +179,79 @@ int FindColumn(const Table& table, const DbFilters& cols, const Member* member) 
 }  // namespace
 
 long long Table::get_item_z(DbFilters& cols, DbFilters& filters,
-                            unsigned long long& itemcnt, void* obj, Meta* userMeta) {
-  return ipc_db::detail::DbCall("Table::get_item_z", -1LL, [&]() -> long long {
-    if (!CheckConnection(*this)) return -1;
-    if (obj == nullptr) {
-      DB_LOG(kLogError, "vecOutRows is null.\n");
-      return -1;
-    }
-    if (!CheckUserMeta(*this, cols, userMeta)) return -1;
-    if (!CheckFilterTerms(filters) || !CheckByteSize(itemcnt, userMeta->type_size) ||
-        !CheckOpenHandle(*this)) {
-      return -1;
-    }
-    std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
-    char* records = static_cast<char*>(obj);
-    size_t stride = userMeta->type_size;
-    return RunSelect(*this, cols, filters, itemcnt,
-                     [&](sqlite3_stmt* stmt, unsigned long long row) {
-                       CopyIntoLayout(parent, stmt, matches, records + row * stride);
-                     });
-  });
+                            unsigned long long& itemcnt, void* obj, Meta* userMeta) try {
+  if (!CheckConnection(*this)) return -1;
+  if (obj == nullptr) {
+    DB_LOG(kLogError, "vecOutRows is null.\n");
+    return -1;
+  }
+  if (!CheckUserMeta(*this, cols, userMeta)) return -1;
+  if (!CheckFilterTerms(filters) || !CheckByteSize(itemcnt, userMeta->type_size) ||
+      !CheckOpenHandle(*this)) {
+    return -1;
+  }
+  std::string sql;
+  if (!BuildSelect(*this, cols, filters, &sql)) return -1;
+  std::vector<Member*> matches = MatchColumns(*this, cols, userMeta);
+  char* records = static_cast<char*>(obj);
+  size_t stride = userMeta->type_size;
+  return RunSelect(TableHandle(*this), sql, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long row) {
+                     CopyIntoLayout(parent, stmt, matches, records + row * stride);
+                   });
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_z", -1LL);
 }
 
 long long Table::get_item_lz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::list<std::string>& out,
                              Meta* userMeta) {
-  return ipc_db::detail::DbCall("Table::get_item_lz", -1LL, [&]() -> long long {
-    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                     [&](std::string&& text) { out.push_back(std::move(text)); });
-  });
+  return ReadTexts("Table::get_item_lz", *this, cols, filters, itemcnt, userMeta, &out);
 }
 
 long long Table::get_item_vz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::vector<std::string>& out,
                              Meta* userMeta) {
-  return ipc_db::detail::DbCall("Table::get_item_vz", -1LL, [&]() -> long long {
-    return ReadTexts(*this, cols, filters, itemcnt, userMeta,
-                     [&](std::string&& text) { out.push_back(std::move(text)); });
-  });
+  return ReadTexts("Table::get_item_vz", *this, cols, filters, itemcnt, userMeta, &out);
 }
 
 long long Table::get_item_sz(DbFilters& cols, DbFilters& filters,
                              unsigned long long& itemcnt, std::set<std::string>& out,
-                             Member* userMember) {
-  return ipc_db::detail::DbCall("Table::get_item_sz", -1LL, [&]() -> long long {
-    if (!CheckConnection(*this)) return -1;
-    if (userMember == nullptr) {
-      DB_LOG(kLogError, "userMember_data is null.");
-      return -1;
-    }
-    if (!CheckMemberType(*userMember)) return -1;
-    size_t width = userMember->type_meta->type_size;
-    if (width == 0) {
-      DB_LOG(kLogError, "userMeta_data size is null.");
-      return -1;
-    }
-    if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
-    if (!CheckFilterTerms(filters) || !CheckOpenHandle(*this)) return -1;
-    int column = FindColumn(*this, cols, userMember);
-    // Whole-table reads place the value at the member's offset and the text is
-    // read from the start of the zeroed area: with an offset other than 0 the
-    // value never reaches the text read, which is then always empty. So the
-    // value is copied only for offset 0, and the area is one field wide
-    // whatever the offset (an offset near 4 GiB must not size it).
-    bool lands = !cols.filters.empty() || userMember->offset == 0;
-    ScratchRecord scratch(width);
-    if (!scratch.Usable()) return -1;
-    return RunSelect(*this, cols, filters, itemcnt,
-                     [&](sqlite3_stmt* stmt, unsigned long long) {
-                       char* buffer = scratch.Clear();
-                       if (column >= 0) {
-                         parent->preProcMember(userMember);
-                         if (lands)
-                           CopyColumn(stmt, column, KindOf(userMember), width, buffer);
-                       }
-                       out.insert(scratch.Text(width));
-                     });
-  });
+                             Member* userMember) try {
+  if (!CheckConnection(*this)) return -1;
+  if (userMember == nullptr) {
+    DB_LOG(kLogError, "userMember_data is null.");
+    return -1;
+  }
+  if (!CheckMemberType(*userMember)) return -1;
+  size_t width = userMember->type_meta->type_size;
+  if (width == 0) {
+    DB_LOG(kLogError, "userMeta_data size is null.");
+    return -1;
+  }
+  if (!CheckLayoutMatch(*this, cols, {userMember})) return -1;
+  if (!CheckFilterTerms(filters) || !CheckOpenHandle(*this)) return -1;
+  int column = FindColumn(*this, cols, userMember);
+  // Whole-table reads place the value at the member's offset and the text is
+  // read from the start of the zeroed area: with an offset other than 0 the
+  // value never reaches the text read, which is then always empty. So the
+  // value is copied only for offset 0, and the area is one field wide
+  // whatever the offset (an offset near 4 GiB must not size it).
+  bool lands = !cols.filters.empty() || userMember->offset == 0;
+  ScratchRecord scratch(width);
+  if (!scratch.Usable()) return -1;
+  std::string sql;
+  if (!BuildSelect(*this, cols, filters, &sql)) return -1;
+  return RunSelect(TableHandle(*this), sql, itemcnt,
+                   [&](sqlite3_stmt* stmt, unsigned long long) {
+                     char* buffer = scratch.Clear();
+                     if (column >= 0) {
+                       parent->preProcMember(userMember);
+                       if (lands)
+                         CopyColumn(stmt, column, CopyKindOf(*userMember), width, buffer);
+                     }
+                     out.insert(scratch.Text(width));
+                   });
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::get_item_sz", -1LL);
 }

@@ -4,6 +4,7 @@
 // prepared on the handle with the blobs bound as parameters. A removal runs
 // one delete per filter list, several inside one transaction, which a
 // failing delete leaves open.
+#include <new>
 #include <string>
 
 #include "DBConn.h"
@@ -18,6 +19,7 @@ using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CheckFilterTerms;
 using ipc_db::detail::CheckOpenHandle;
+using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::DeleteStatement;
 using ipc_db::detail::ExecuteText;
 using ipc_db::detail::kLogError;
@@ -69,38 +71,38 @@ bool CheckRemoveLists(const DbFilters* filters, unsigned long long itemcnt) {
 
 }  // namespace
 
-long long Table::update_item(DbFilters& set, DbFilters& where) {
-  return ipc_db::detail::DbCall("Table::update_item", -1LL, [&]() -> long long {
-    if (!CheckConnection(*this)) return -1;
-    if (set.filters.empty()) {
-      DB_LOG(kLogError, "filters is empty.\n");
-      return -1;
-    }
-    if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
-    std::string sql;
-    BoundBlob setBlob;
-    BoundBlob whereBlob;
-    if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
-    if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
-    if (!CheckOpenHandle(*this)) return -1;
-    return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
-  });
+long long Table::update_item(DbFilters& set, DbFilters& where) try {
+  if (!CheckConnection(*this)) return -1;
+  if (set.filters.empty()) {
+    DB_LOG(kLogError, "filters is empty.\n");
+    return -1;
+  }
+  if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
+  std::string sql;
+  BoundBlob setBlob;
+  BoundBlob whereBlob;
+  if (!BuildUpdate(*this, set, where, &sql, &setBlob, &whereBlob)) return -1;
+  if (!setBlob.present && !whereBlob.present) return RunTextUpdate(*this, sql);
+  if (!CheckOpenHandle(*this)) return -1;
+  return RunBoundStatement(TableHandle(*this), sql, {&setBlob, &whereBlob});
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::update_item", -1LL);
 }
 
-long long Table::rmv_item(DbFilters* filters, unsigned long long itemcnt) {
-  return ipc_db::detail::DbCall("Table::rmv_item", -1LL, [&]() -> long long {
-    if (!CheckConnection(*this)) return -1;
-    if (itemcnt == 0) {
-      DB_LOG(kLogError, "itemcnt values is  wrong.\n");
-      return -1;
-    }
-    if (!CheckRemoveLists(filters, itemcnt)) return -1;
-    bool batch = itemcnt > 1;
-    if (batch && RunTransactionStatement(*this, true, true) != 0) return -1;
-    for (unsigned long long i = 0; i < itemcnt; ++i) {
-      if (RunDelete(*this, filters[i]) != 0) return -1;
-    }
-    if (batch && RunTransactionStatement(*this, false, true) != 0) return -1;
-    return 0;
-  });
+long long Table::rmv_item(DbFilters* filters, unsigned long long itemcnt) try {
+  if (!CheckConnection(*this)) return -1;
+  if (itemcnt == 0) {
+    DB_LOG(kLogError, "itemcnt values is  wrong.\n");
+    return -1;
+  }
+  if (!CheckRemoveLists(filters, itemcnt)) return -1;
+  bool batch = itemcnt > 1;
+  if (batch && RunTransactionStatement(*this, true, true) != 0) return -1;
+  for (unsigned long long i = 0; i < itemcnt; ++i) {
+    if (RunDelete(*this, filters[i]) != 0) return -1;
+  }
+  if (batch && RunTransactionStatement(*this, false, true) != 0) return -1;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return DbOutOfMemory("Table::rmv_item", -1LL);
 }
