@@ -2,16 +2,17 @@
 // instruction counts of bench/open-cost:
 //   open_driver [--setup-only] <case> <rows>
 // with <case> one of open_keyed/library, open_keyed/raw (a keyed file),
-// open_plain/library, open_plain/raw (the same file unkeyed), or check.
-// Setup, not measured: a file holding the benchmark table with <rows>
-// records, made the raw way, then one warm-up run of the same side (the
-// first calls of each function, lazy symbol binding, the key store's first
-// use). The measured run is the call of MeasuredSection, which callgrind
-// collects alone (--toggle-collect=MeasuredSection), made between the two
-// marks of InsnCountMarker.h, which the qemu-user plugin counts between.
+// open_plain/library, open_plain/raw (an unkeyed file with the same table),
+// or check. Setup, not measured: the file, holding the benchmark table with
+// <rows> records, made the raw way; then one warm-up run of the same side,
+// which pays for the first call of each function (lazy symbol binding,
+// one-time set-up in the engine and in libcrypto). The measured run is the
+// call of MeasuredSection, which callgrind collects alone
+// (--toggle-collect=MeasuredSection), made between the two marks of
+// InsnCountMarker.h, between which the qemu-user plugin counts.
 // --setup-only leaves out the measured run and keeps the marks: the
 // baseline of a whole-process count. Prints one JSON line with the case,
-// the rows read and the engine's versions.
+// the rows and the engine's versions.
 //
 // check compares, on a keyed and on a plain file, the statements both sides
 // send (on every connection they open) and the counts they read.
