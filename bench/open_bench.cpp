@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -54,38 +53,6 @@ void OpenCloseRaw(benchmark::State& state) {
   }
   SetRows(state, 1.0);
 }
-
-// Statements of every connection opened while a ConnectionTrace lives: an
-// automatic extension attaches the trace as soon as sqlite3_open has made
-// the connection, before any statement of the opener runs.
-class ConnectionTrace {
- public:
-  ConnectionTrace() {
-    statements_ = &seen_;
-    sqlite3_auto_extension(reinterpret_cast<void (*)()>(&Attach));
-  }
-  ~ConnectionTrace() {
-    sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(&Attach));
-    statements_ = nullptr;
-  }
-  std::vector<std::string> Take() { return std::move(seen_); }
-
- private:
-  static int Attach(sqlite3* db, const char**, const void*) {
-    sqlite3_trace_v2(db, SQLITE_TRACE_STMT, &Record, nullptr);
-    return SQLITE_OK;
-  }
-  static int Record(unsigned int type, void*, void*, void* x) {
-    if (type == SQLITE_TRACE_STMT && x != nullptr && statements_ != nullptr) {
-      statements_->emplace_back(static_cast<const char*>(x));
-    }
-    return 0;
-  }
-  static std::vector<std::string>* statements_;
-  std::vector<std::string> seen_;
-};
-
-std::vector<std::string>* ConnectionTrace::statements_ = nullptr;
 
 // The statements that Db::OpenDB and Db::CloseDB send against those of the
 // raw open and close, and that the library's open reads the raw side's

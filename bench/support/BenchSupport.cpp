@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace ipc_db_bench {
 
@@ -14,13 +15,12 @@ const char kTableName[] = "t_event";
 const char kCreateSql[] =
     "create table t_event(Id INTEGER PRIMARY KEY autoincrement,Time INTEGER,"
     "Kind INTEGER,Value INTEGER,Name CHAR(32),Data BLOB);";
+const char kBenchDbFile[] = "bench.db";
+const char kBenchJournalFile[] = "bench.db-journal";
 const char kBoundInsertSql[] =
     "insert into t_event(Id,Time,Kind,Value,Name,Data) values (?,?,?,?,?,?);";
 
 namespace {
-
-constexpr const char* kDbFile = "bench.db";
-constexpr const char* kJournalFile = "bench.db-journal";
 
 bool g_plainFiles = false;
 
@@ -189,7 +189,8 @@ LibraryDb::LibraryDb(const std::string& dir, BenchSchema* schema) {
   // A key whose first byte is zero leaves the file plain.
   char key[65] = {0};
   if (!PlainFiles()) std::memcpy(key, kKey, sizeof(key));
-  if (db_.Init(0, dir, kDbFile, kJournalFile, key, 64) != 0) Fatal("Db::Init failed");
+  if (db_.Init(0, dir, kBenchDbFile, kBenchJournalFile, key, 64) != 0)
+    Fatal("Db::Init failed");
   if (db_.OpenDB() != 0) Fatal("Db::OpenDB failed");
   table_ = db_.createTable(&schema->record, 1);
   if (table_ == nullptr) Fatal("Db::createTable failed");
@@ -205,7 +206,7 @@ sqlite3* LibraryDb::Handle() const {
 }
 
 RawDb::RawDb(const std::string& dir) {
-  db_ = RawOpenKeyed(dir + kDbFile);
+  db_ = RawOpenKeyed(dir + kBenchDbFile);
   RawExec(db_, kCreateSql);
 }
 
@@ -222,6 +223,36 @@ SqlTrace::~SqlTrace() { sqlite3_trace_v2(db_, 0, nullptr, nullptr); }
 int SqlTrace::OnTrace(unsigned int type, void* ctx, void* /*p*/, void* x) {
   if (type == SQLITE_TRACE_STMT && x != nullptr) {
     static_cast<SqlTrace*>(ctx)->statements_.emplace_back(static_cast<const char*>(x));
+  }
+  return 0;
+}
+
+std::vector<std::string>* ConnectionTrace::statements_ = nullptr;
+
+ConnectionTrace::ConnectionTrace() {
+  statements_ = &seen_;
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(&Attach));
+}
+
+ConnectionTrace::~ConnectionTrace() {
+  sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(&Attach));
+  statements_ = nullptr;
+}
+
+std::vector<std::string> ConnectionTrace::Take() {
+  std::vector<std::string> taken = std::move(seen_);
+  seen_.clear();
+  return taken;
+}
+
+int ConnectionTrace::Attach(sqlite3* db, const char** /*message*/, const void* /*api*/) {
+  sqlite3_trace_v2(db, SQLITE_TRACE_STMT, &Record, nullptr);
+  return SQLITE_OK;
+}
+
+int ConnectionTrace::Record(unsigned int type, void* /*ctx*/, void* /*p*/, void* x) {
+  if (type == SQLITE_TRACE_STMT && x != nullptr && statements_ != nullptr) {
+    statements_->emplace_back(static_cast<const char*>(x));
   }
   return 0;
 }

@@ -27,6 +27,11 @@ extern const char kKey[65];
 extern const char kTableName[];
 extern const char kCreateSql[];
 
+// The file names, inside a temporary directory, of every benchmark database
+// made by LibraryDb and RawDb.
+extern const char kBenchDbFile[];
+extern const char kBenchJournalFile[];
+
 // A realistic camera event: an auto-increment key, three integers, a
 // CHAR(32) label and a 64-byte blob.
 struct BenchRecord {
@@ -162,6 +167,27 @@ class SqlTrace {
   static int OnTrace(unsigned int type, void* ctx, void* p, void* x);
   sqlite3* db_;
   std::vector<std::string> statements_;
+};
+
+// Records the text of every statement of every connection opened while it
+// lives: an automatic extension attaches the trace as soon as sqlite3_open
+// has made a connection, before any statement of the opener runs. One at a
+// time.
+class ConnectionTrace {
+ public:
+  ConnectionTrace();
+  ~ConnectionTrace();
+  ConnectionTrace(const ConnectionTrace&) = delete;
+  ConnectionTrace& operator=(const ConnectionTrace&) = delete;
+
+  // The statements seen since the last Take, which starts a new list.
+  std::vector<std::string> Take();
+
+ private:
+  static int Attach(sqlite3* db, const char** message, const void* api);
+  static int Record(unsigned int type, void* ctx, void* p, void* x);
+  static std::vector<std::string>* statements_;
+  std::vector<std::string> seen_;
 };
 
 // Empty when `library` and `raw` hold the same statements in the same order;

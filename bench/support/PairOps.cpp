@@ -280,4 +280,44 @@ bool RawOpenClose(const std::string& file) {
   return sqlite3_close(db) == SQLITE_OK && ok;
 }
 
+// ---- Open, first read, close ------------------------------------------
+
+bool LibraryOpenCount(const std::string& dir, Meta* record, bool keyed,
+                      long long* count) {
+  char key[65] = {0};
+  if (keyed) std::memcpy(key, kKey, sizeof(key));
+  Db db;
+  if (db.Init(0, dir, kBenchDbFile, kBenchJournalFile, key, 64) != 0) return false;
+  bool ok = db.OpenDB() == 0;
+  if (ok) {
+    Table table(&db, record, 1);
+    DbFilters all;
+    *count = table.get_item_cnt(all);
+    ok = *count >= 0;
+    ok = db.CloseDB() == 0 && ok;
+  }
+  db.UnInit();
+  return ok;
+}
+
+bool RawOpenCount(const std::string& dir, bool keyed, long long* count) {
+  std::string file = dir + kBenchDbFile;
+  sqlite3* db = nullptr;
+  bool ok = sqlite3_open(file.c_str(), &db) == SQLITE_OK &&
+            (!keyed || (RawUseCompatibleCipherDefaults() &&
+                        sqlite3_key(db, kKey, 64) == SQLITE_OK)) &&
+            Exec(db, "PRAGMA cipher_default_compatibility = 3;") &&
+            Exec(db, "PRAGMA synchronous = NORMAL;") &&
+            Exec(db, "PRAGMA journal_mode = DELETE;");
+  if (ok) {
+    char sql[kSqlBufferSize];
+    std::snprintf(sql, sizeof(sql), "select count(*) from %s;", kTableName);
+    std::string cell;
+    bool present = false;
+    ok = RawFirstCell(db, sql, &cell, &present);
+    *count = present ? std::strtoll(cell.c_str(), nullptr, 10) : 0;
+  }
+  return sqlite3_close(db) == SQLITE_OK && ok;
+}
+
 }  // namespace ipc_db_bench

@@ -106,6 +106,19 @@ bool LibraryOpenClose(Db* db);
 // sqlite3_open, sqlite3_key, the three pragmas, sqlite3_close.
 bool RawOpenClose(const std::string& file);
 
+// ---- Open, first read, close ------------------------------------------
+
+// What an application does to read a table of an existing file once:
+// Db::Init on `dir` with the benchmark file names and key (an all-zero key,
+// which leaves the file plain, unless `keyed`), Db::OpenDB, get_item_cnt of
+// the whole table through a Table of `record` (plain column names),
+// Db::CloseDB, Db::UnInit. Sets `count`.
+bool LibraryOpenCount(const std::string& dir, Meta* record, bool keyed, long long* count);
+// The same statements the raw way: sqlite3_open, when `keyed` the
+// compatible defaults and sqlite3_key with the 64 key bytes, the three
+// pragmas, sqlite3_get_table of the count, sqlite3_close.
+bool RawOpenCount(const std::string& dir, bool keyed, long long* count);
+
 // ---- Fixtures ----------------------------------------------------------
 
 // A library database with the benchmark table and the read lists.
