@@ -1,5 +1,6 @@
 // Helpers shared by the libFuzzer targets: a reader that turns the fuzzer's
-// bytes into numbers, texts and exactly sized buffers, a reference rendering
+// bytes into numbers, texts and exactly sized buffers, the rule of how many
+// bytes the library reads through a term's values, a reference rendering
 // of filter terms written from the documented rules (the targets compare the
 // library's output with it), and a log sink that drops every entry.
 #ifndef IPC_DB_FUZZ_FUZZSUPPORT_H_
@@ -67,18 +68,56 @@ inline int32_t SlotValue(const void* slot) {
   return static_cast<int32_t>(reinterpret_cast<intptr_t>(slot));
 }
 
-// Bytes an in-list of `count` elements over a member of width `width`
-// reads from the caller's memory (integers: 4-byte elements for width 4,
-// else 8-byte elements at a stride of `width`; texts: each element up to and
-// including the byte just past its field). Other terms: a text value reads
-// width + 1 bytes.
-inline size_t ValueBytes(int op, bool integer, size_t width, int32_t count) {
-  if (op == DB_FILTER_OP_IN) {
-    if (count <= 0) return 0;
-    if (integer) return static_cast<size_t>(count - 1) * width + (width == 4 ? 4 : 8);
-    return static_cast<size_t>(count) * width + 1;
-  }
-  return integer ? 0 : width + 1;
+// ---- What the library reads through a term's value slots ----------------
+//
+// The one rule the targets size their value buffers by, written from the
+// public headers: DbFilter.h (the comment above class DbFilter: what a
+// rendered term reads) and Table.h (update_item: a term over a "BLOB" member
+// of its lists is bound, not rendered). A buffer is allocated with exactly
+// these bytes, so that AddressSanitizer reports any read beyond them.
+
+// Column kinds as the library tells them apart, by the member's sql_type.
+enum class ColumnKind { kInteger, kBlob, kOther };
+
+inline ColumnKind KindOf(const Member* member) {
+  if (member == nullptr) return ColumnKind::kOther;
+  if (member->sql_type == "INTEGER") return ColumnKind::kInteger;
+  return member->sql_type == "BLOB" ? ColumnKind::kBlob : ColumnKind::kOther;
+}
+
+// How a call uses the terms of a list.
+enum class TermUse {
+  kRendered,    // written into SQL text: reads, counts, extrema, deletes, op2Str
+  kUpdateList,  // a term of update_item's `set` or `where` list
+};
+
+// Bytes a rendered term reads through value1 (DbFilter.h). `count` is the
+// in-list's element count (value2); `width` the member's type_size.
+inline size_t RenderedValue1Bytes(ColumnKind kind, int op, size_t width, int32_t count) {
+  const bool comparison = (op >= DB_FILTER_OP_EQ && op <= DB_FILTER_OP_GE) ||
+                          op == DB_FILTER_OP_BETWEEN;
+  if (op == DB_FILTER_OP_LIKE) return width + 1;
+  if (comparison) return kind == ColumnKind::kInteger ? 0 : width + 1;
+  if (op != DB_FILTER_OP_IN || count <= 0) return 0;
+  const size_t elements = static_cast<size_t>(count);
+  if (kind == ColumnKind::kInteger) return (elements - 1) * width + (width == 4 ? 4 : 8);
+  return elements * width + 1;
+}
+
+// Bytes a call reads through value1 of a term that it uses as `use` says
+// (Table.h, update_item: whatever the operator, a "BLOB" term binds exactly
+// type_size bytes from value1, an in-list of 0 elements included).
+inline size_t Value1Bytes(TermUse use, ColumnKind kind, int op, size_t width,
+                          int32_t count) {
+  if (use == TermUse::kUpdateList && kind == ColumnKind::kBlob) return width;
+  return RenderedValue1Bytes(kind, op, width, count);
+}
+
+// Bytes read through value2: only between over a column that is not
+// "INTEGER" reads characters there, and only when the term is rendered.
+inline size_t Value2Bytes(TermUse use, ColumnKind kind, int op, size_t width) {
+  if (use == TermUse::kUpdateList && kind == ColumnKind::kBlob) return 0;
+  return op == DB_FILTER_OP_BETWEEN && kind != ColumnKind::kInteger ? width + 1 : 0;
 }
 
 // ---- Reference rendering -----------------------------------------------------
@@ -177,30 +216,31 @@ struct FuzzTerm {
   }
 };
 
-// Reads an operator and its values for `member` and returns the term; the
-// value buffers go into `owned`. Characters are read through the slot for
-// like (always), for an in-list over any column, and for the comparisons
-// and between over a column that is not "INTEGER"; every other slot carries
-// a number.
+// Reads an operator and its values for `member` and returns the term as a
+// rendering uses it; the value buffers go into `owned`. A slot the term
+// reads characters or numbers through points at a buffer of exactly the
+// bytes of RenderedValue1Bytes / Value2Bytes (an in-list always points at
+// one, if only of zero bytes); every other slot carries a number.
 inline DbFilter* ReadTerm(FuzzInput& in, Member* member, FuzzTerm* owned) {
   const int op = in.Byte() % 16;
-  const bool integer = member->sql_type == "INTEGER";
+  const ColumnKind kind = KindOf(member);
   const size_t width = member->type_meta->type_size;
-  const bool comparison = op <= DB_FILTER_OP_GE || op == DB_FILTER_OP_BETWEEN;
   void* value1 = Slot(in.I32());
   void* value2 = Slot(in.I32());
+  int32_t count = 0;
   if (op == DB_FILTER_OP_IN) {
-    int32_t count = static_cast<int32_t>(in.Byte() % 9);
+    count = static_cast<int32_t>(in.Byte() % 9);
     if (in.Byte() % 8 == 0) count = -count;
-    owned->value1Size = ValueBytes(op, integer, width, count);
+    value2 = Slot(count);
+  }
+  owned->value1Size = Value1Bytes(TermUse::kRendered, kind, op, width, count);
+  owned->value2Size = Value2Bytes(TermUse::kRendered, kind, op, width);
+  if (owned->value1Size > 0 || op == DB_FILTER_OP_IN) {
     owned->value1 = in.Buffer(owned->value1Size);
     value1 = owned->value1.get();
-    value2 = Slot(count);
-  } else if (op == DB_FILTER_OP_LIKE || (comparison && !integer)) {
-    owned->value1Size = owned->value2Size = width + 1;
-    owned->value1 = in.Buffer(width + 1);
-    owned->value2 = in.Buffer(width + 1);
-    value1 = owned->value1.get();
+  }
+  if (owned->value2Size > 0) {
+    owned->value2 = in.Buffer(owned->value2Size);
     value2 = owned->value2.get();
   }
   return new DbFilter(member, static_cast<DbFilterOperator>(op), value1, value2);

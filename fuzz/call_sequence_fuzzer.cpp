@@ -1,21 +1,22 @@
 // libFuzzer target: sequences of public calls with caller mistakes in them.
-// At start-up a plain database file in a fresh temporary directory gets a
-// table of records of every column kind. Each input is decoded into up to 24
-// calls on the facade, the table operations, the filters and the connection,
-// with arguments picked from sets that mix correct and wrong ones: null and
-// correct buffers (always exactly as large as the count the call is given, so
-// that any access beyond them is the library's), counts 0, small and so large
-// that their byte size wraps, Metas with a null member, a member without type
-// description, a record size of 0 or one too small for the members, filter
-// terms with null members, values and arrays, Tables without Db or Meta, and
-// the Db closed, uninitialised or open again. AddressSanitizer and
-// UndefinedBehaviorSanitizer report what goes wrong; the target also checks
-// that every table and facade call returns 0, -1 or a count (never throws).
-// Text values never hold a quote: a quote changes the statement, by design.
-#include <sqlcipher/sqlite3.h>
-#include <stdlib.h>
-#include <unistd.h>
-
+// Every input gets a fresh fixture: its own record descriptions and a plain
+// database file in a fresh temporary directory, copied from an image built
+// once (a table of records of every column kind holding a few rows), opened
+// by a Db of its own. Nothing carries over between inputs, so a finding
+// replays from its input alone. Each input is decoded into up to 24 calls on
+// the facade, the table operations, the filters and the connection, with
+// arguments picked from sets that mix correct and wrong ones: null and
+// correct buffers (always exactly as large as the count the call is given,
+// and value buffers exactly as large as FuzzSupport.h's rule says the call
+// reads, so that any access beyond them is the library's), counts 0, small
+// and so large that their byte size wraps, Metas with a null member, a
+// member without type description, a record size of 0 or one too small for
+// the members, filter terms with null members, values and arrays, Tables
+// without Db or Meta, and the Db closed, uninitialised or open again.
+// AddressSanitizer and UndefinedBehaviorSanitizer report what goes wrong;
+// the target also checks that every table and facade call returns 0, -1 or
+// a count (never throws). Text values never hold a quote: a quote changes
+// the statement, by design.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -29,14 +30,16 @@
 #include "DBConn.h"
 #include "Db.h"
 #include "DbFilter.h"
+#include "FuzzFixture.h"
 #include "FuzzSupport.h"
 #include "Meta.h"
-#include "SQLiteDBConn.h"
 #include "Table.h"
 #include "TableChange.h"
 
+using ipc_db_fuzz::ColumnKind;
 using ipc_db_fuzz::FuzzInput;
 using ipc_db_fuzz::Slot;
+using ipc_db_fuzz::TermUse;
 
 namespace {
 
@@ -48,92 +51,103 @@ struct Rec {
   unsigned char data[8];
 };
 
-// Reads no more than this many rows at once: the table is emptied above it.
-constexpr unsigned long long kRowCap = 40;
+// Rows the image holds, so that updates, removals and reads find some.
+constexpr int kImageRows = 6;
+constexpr int kMaxCalls = 24;
+// Records one insert call writes at most (a larger count is refused).
+constexpr int kMostInserted = 3;
 // Room for every row an unlimited read can return.
 constexpr size_t kReadRoom = 128;
-constexpr int kMaxCalls = 24;
+static_assert(kImageRows + kMaxCalls * kMostInserted <= static_cast<int>(kReadRoom),
+              "a read without a limit must fit the read buffer");
 
 // Kinds of record description the calls may be given.
 enum MetaKind { kGood, kNullMember, kNoTypeMeta, kSizeZero, kSizeSmall, kMetaKinds };
 
-struct Fixture {
-  std::string dir;
+// The record descriptions, made anew for every input: calls change members
+// (an index name, a type description).
+struct Descriptions {
+  Descriptions();
   Meta int4, char8, char16, blob8;
   Meta metas[kMetaKinds];
   Meta smallLayout, wideLayout, badLayout;
   Member loose{"cName", 0, nullptr};  // a member without type description
   Member farOffset{"cName", 0xFFFFFFF8u, nullptr};
-  Db db;
+
+ private:
+  void Describe(Meta* meta);
+};
+
+void Descriptions::Describe(Meta* meta) {
+  meta->Init("t_calls", sizeof(Rec));
+  meta->AddMember(new Member("iId_pa", offsetof(Rec, id), &int4));
+  meta->AddMember(new Member("iAge", offsetof(Rec, age), &int4));
+  meta->AddMember(new Member("cName", offsetof(Rec, name), &char8));
+  meta->AddMember(new Member("tNote", offsetof(Rec, note), &char16));
+  meta->AddMember(new Member("bData", offsetof(Rec, data), &blob8));
+  Db naming;  // the naming rule needs no connection
+  for (Member* member : meta->members) naming.preProcMember(member);
+}
+
+Descriptions::Descriptions() {
+  int4.Init("int", 4);
+  char8.Init("char8", 8);
+  char16.Init("char16", 16);
+  blob8.Init("blob8", 8);
+  for (Meta& meta : metas) Describe(&meta);
+  metas[kNullMember].members.push_back(nullptr);
+  metas[kNoTypeMeta].Get("iAge")->type_meta = nullptr;
+  metas[kSizeZero].type_size = 0;
+  metas[kSizeSmall].type_size = offsetof(Rec, data) + 4;
+  smallLayout.Init("small", 8);
+  smallLayout.AddMember(new Member("iAge", 0, &int4));
+  smallLayout.AddMember(new Member("cName", 0, &char8));
+  wideLayout.Init("wide", 5000);
+  wideLayout.AddMember(new Member("tNote", 0, &char16));
+  badLayout.Init("bad", 8);
+  badLayout.AddMember(new Member("tNote", 2, &char16));
+}
+
+// The database every input starts from: table t_calls with kImageRows rows,
+// every column set (blobs of 8 bytes, texts that fill their fields).
+void BuildImage(Db& db) {
+  Descriptions d;
+  std::unique_ptr<Table> table(db.createTable(&d.metas[kGood], 0));
+  if (table == nullptr) std::abort();
+  Rec rows[kImageRows];
+  std::memset(rows, 0, sizeof(rows));
+  for (int i = 0; i < kImageRows; ++i) {
+    Rec& row = rows[i];
+    row.age = i * 10 - 20;
+    std::snprintf(row.name, sizeof(row.name), "n%d", i);
+    std::memset(row.note, 'a' + i, sizeof(row.note));
+    for (size_t b = 0; b < sizeof(row.data); ++b)
+      row.data[b] = static_cast<unsigned char>(i * 8 + static_cast<int>(b));
+  }
+  if (table->add_item(rows, kImageRows, DbFilters(0)) != 0) std::abort();
+}
+
+// Built at start-up; destroyed at exit, which removes its directory.
+std::unique_ptr<ipc_db_fuzz::DatabaseImage> g_image;
+
+// One input's world: descriptions, database and the tables over them.
+struct Fixture {
+  Fixture();
+  Descriptions d;  // declared first: outlives the tables and the database
+  ipc_db_fuzz::FreshDatabase files;
+  Db& db;
   std::unique_ptr<Table> tables[kMetaKinds];
   std::unique_ptr<Table> noDb, noMeta;
 };
 
-Fixture* g_fixture = nullptr;
-
-void RemoveFixtureFiles() {
-  if (g_fixture == nullptr) return;
-  g_fixture->db.UnInit();
-  unlink((g_fixture->dir + "calls.db").c_str());
-  unlink((g_fixture->dir + "calls.db-journal").c_str());
-  rmdir(g_fixture->dir.c_str());
-}
-
-void Describe(Fixture& f, Meta* meta) {
-  meta->Init("t_calls", sizeof(Rec));
-  meta->AddMember(new Member("iId_pa", offsetof(Rec, id), &f.int4));
-  meta->AddMember(new Member("iAge", offsetof(Rec, age), &f.int4));
-  meta->AddMember(new Member("cName", offsetof(Rec, name), &f.char8));
-  meta->AddMember(new Member("tNote", offsetof(Rec, note), &f.char16));
-  meta->AddMember(new Member("bData", offsetof(Rec, data), &f.blob8));
-  for (Member* member : meta->members) f.db.preProcMember(member);
-}
-
-sqlite3* Handle(Db& db) {
-  if (db.m_pDBConn == nullptr) return nullptr;
-  return static_cast<CSqliteDBConn*>(db.m_pDBConn)->m_pSqliteDB;
-}
-
-void Open(Fixture& f) {
-  char noKey[1] = {0};
-  if (f.db.m_pDBConn == nullptr &&
-      f.db.Init(0, f.dir, "calls.db", "calls.db-journal", noKey, 0) != 0) {
-    std::abort();
-  }
-  if (Handle(f.db) == nullptr && f.db.OpenDB() != 0) std::abort();
-}
-
-void BuildFixture() {
-  g_fixture = new Fixture;
-  Fixture& f = *g_fixture;
-  char pattern[] = "/tmp/ipc_db_calls.XXXXXX";
-  if (mkdtemp(pattern) == nullptr) std::abort();
-  f.dir = std::string(pattern) + "/";
-  atexit(&RemoveFixtureFiles);
-  f.int4.Init("int", 4);
-  f.char8.Init("char8", 8);
-  f.char16.Init("char16", 16);
-  f.blob8.Init("blob8", 8);
-  Open(f);
-  for (Meta& meta : f.metas) Describe(f, &meta);
-  f.metas[kNullMember].members.push_back(nullptr);
-  f.metas[kNoTypeMeta].Get("iAge")->type_meta = nullptr;
-  f.metas[kSizeZero].type_size = 0;
-  f.metas[kSizeSmall].type_size = offsetof(Rec, data) + 4;
-  f.tables[kGood].reset(f.db.createTable(&f.metas[kGood], 0));
-  if (f.tables[kGood] == nullptr) std::abort();
+Fixture::Fixture() : files(*g_image), db(files.db) {
+  tables[kGood].reset(db.createTable(&d.metas[kGood], 0));
+  if (tables[kGood] == nullptr) std::abort();
   for (int kind = 1; kind < kMetaKinds; ++kind) {
-    f.tables[kind].reset(new Table(&f.db, &f.metas[kind], 0));
+    tables[kind].reset(new Table(&db, &d.metas[kind], 0));
   }
-  f.noDb.reset(new Table(nullptr, &f.metas[kGood], 0));
-  f.noMeta.reset(new Table(&f.db, nullptr, 0));
-  f.smallLayout.Init("small", 8);
-  f.smallLayout.AddMember(new Member("iAge", 0, &f.int4));
-  f.smallLayout.AddMember(new Member("cName", 0, &f.char8));
-  f.wideLayout.Init("wide", 5000);
-  f.wideLayout.AddMember(new Member("tNote", 0, &f.char16));
-  f.badLayout.Init("bad", 8);
-  f.badLayout.AddMember(new Member("tNote", 2, &f.char16));
+  noDb.reset(new Table(nullptr, &d.metas[kGood], 0));
+  noMeta.reset(new Table(&db, nullptr, 0));
 }
 
 // Everything one call needs that the input chooses, owned for the call.
@@ -152,42 +166,46 @@ struct Arena {
 Member* PickMember(Fixture& f, FuzzInput& in) {
   const uint8_t pick = in.Byte() % 8;
   if (pick == 5) return nullptr;
-  if (pick == 6) return &f.loose;
-  if (pick == 7) return f.smallLayout.members[0];
-  return f.metas[kGood].members[pick];
+  if (pick == 6) return &f.d.loose;
+  if (pick == 7) return f.d.smallLayout.members[0];
+  return f.d.metas[kGood].members[pick];
 }
 
-// A term with a member and values picked from the input: numbers in the
-// slots, buffers as wide as the member's field reads (plus the byte past
-// it), arrays as long as their count, or null pointers.
-DbFilter* PickTerm(Fixture& f, FuzzInput& in, Arena* arena) {
+// A value slot through which a term reads `bytes`: a buffer of exactly that
+// size filled from the input, or, when the term reads nothing there, a small
+// number (an in-list's array stays a buffer, if only of zero bytes); null
+// one time in four.
+void* PickValue(FuzzInput& in, Arena* arena, size_t bytes, bool array) {
+  const uint8_t pick = in.Byte();
+  if (pick % 4 == 0) return nullptr;
+  if (bytes == 0 && !array) return Slot(static_cast<int32_t>(pick) - 64);
+  return arena->Buffer(in, bytes);
+}
+
+// A term with a member, an operator and values picked from the input, its
+// buffers sized by the rule of FuzzSupport.h for the call's `use`.
+DbFilter* PickTerm(Fixture& f, FuzzInput& in, Arena* arena, TermUse use) {
   Member* member = PickMember(f, in);
   const int op = in.Byte() % 16;
-  void* value1 = Slot(static_cast<int32_t>(in.Byte()) - 64);
-  void* value2 = Slot(static_cast<int32_t>(in.Byte()) - 64);
   const size_t width = member != nullptr && member->type_meta != nullptr
                            ? member->type_meta->type_size
                            : 0;
-  const bool integer = member != nullptr && member->sql_type == "INTEGER";
-  if (op == DB_FILTER_OP_IN) {
-    const int32_t count = static_cast<int32_t>(in.Byte() % 5);
-    size_t bytes = ipc_db_fuzz::ValueBytes(op, integer, width, count);
-    value1 = in.Byte() % 4 == 0 ? nullptr : arena->Buffer(in, bytes);
-    value2 = Slot(count);
-  } else if ((op == DB_FILTER_OP_LIKE || !integer) && width > 0) {
-    // Like reads its pattern through the slot whatever the column type.
-    value1 = in.Byte() % 4 == 0 ? nullptr : arena->Buffer(in, width + 1);
-    value2 = in.Byte() % 4 == 0 ? nullptr : arena->Buffer(in, width + 1);
-  } else if (in.Byte() % 4 == 0) {
-    value1 = nullptr;
-  }
+  const ColumnKind kind = ipc_db_fuzz::KindOf(member);
+  const bool in_list = op == DB_FILTER_OP_IN;
+  const int32_t count = in_list ? static_cast<int32_t>(in.Byte() % 5) : 0;
+  void* value1 =
+      PickValue(in, arena, ipc_db_fuzz::Value1Bytes(use, kind, op, width, count), in_list);
+  void* value2 = in_list ? Slot(count)
+                         : PickValue(in, arena,
+                                     ipc_db_fuzz::Value2Bytes(use, kind, op, width), false);
   if (in.Byte() % 16 == 0) return nullptr;
   return new DbFilter(member, static_cast<DbFilterOperator>(op), value1, value2);
 }
 
-void PickTerms(Fixture& f, FuzzInput& in, Arena* arena, DbFilters* list, int most) {
+void PickTerms(Fixture& f, FuzzInput& in, Arena* arena, DbFilters* list, int most,
+               TermUse use = TermUse::kRendered) {
   const int count = in.Byte() % (most + 1);
-  for (int i = 0; i < count; ++i) list->filters.push_back(PickTerm(f, in, arena));
+  for (int i = 0; i < count; ++i) list->filters.push_back(PickTerm(f, in, arena, use));
 }
 
 // A column list: members only (values are not read).
@@ -226,13 +244,13 @@ Meta* PickLayout(Fixture& f, FuzzInput& in) {
     case 0:
       return nullptr;
     case 1:
-      return &f.wideLayout;
+      return &f.d.wideLayout;
     case 2:
-      return &f.badLayout;
+      return &f.d.badLayout;
     case 3:
-      return &f.metas[in.Byte() % kMetaKinds];
+      return &f.d.metas[in.Byte() % kMetaKinds];
     default:
-      return &f.smallLayout;
+      return &f.d.smallLayout;
   }
 }
 
@@ -240,23 +258,6 @@ void ExpectResult(long long result, const char* call) {
   if (result == 0 || result == -1) return;
   std::fprintf(stderr, "%s returned %lld\n", call, result);
   std::abort();
-}
-
-// Keeps the table small and no transaction open between inputs.
-void Settle(Fixture& f) {
-  sqlite3* db = Handle(f.db);
-  if (db == nullptr) return;
-  if (sqlite3_get_autocommit(db) == 0)
-    sqlite3_exec(db, "rollback;", nullptr, nullptr, nullptr);
-  sqlite3_stmt* stmt = nullptr;
-  unsigned long long rows = 0;
-  if (sqlite3_prepare_v2(db, "select count(*) from t_calls;", -1, &stmt, nullptr) ==
-          SQLITE_OK &&
-      sqlite3_step(stmt) == SQLITE_ROW) {
-    rows = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 0));
-  }
-  sqlite3_finalize(stmt);
-  if (rows > kRowCap) sqlite3_exec(db, "delete from t_calls;", nullptr, nullptr, nullptr);
 }
 
 void RunOneCall(Fixture& f, FuzzInput& in) {
@@ -269,7 +270,7 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
   switch (in.Byte() % 20) {
     case 0: {  // insert
       count = PickCount(in, stride);
-      size_t bytes = count <= 3 ? static_cast<size_t>(count) * stride : stride;
+      size_t bytes = count <= kMostInserted ? static_cast<size_t>(count) * stride : stride;
       char* records = in.Byte() % 8 == 0 ? nullptr : arena.Buffer(in, bytes);
       DbFilters cols;
       PickColumns(f, in, &cols);
@@ -278,8 +279,8 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
     }
     case 1: {
       DbFilters set, where;
-      PickTerms(f, in, &arena, &set, 2);
-      PickTerms(f, in, &arena, &where, 3);
+      PickTerms(f, in, &arena, &set, 2, TermUse::kUpdateList);
+      PickTerms(f, in, &arena, &where, 3, TermUse::kUpdateList);
       ExpectResult(table->update_item(set, where), "update_item");
       return;
     }
@@ -333,9 +334,9 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
         ExpectResult(table->get_item_vz(cols, filters, count, vec, PickLayout(f, in)),
                      "vz");
       } else {
-        Member* member = in.Byte() % 3 == 0 ? &f.farOffset : PickMember(f, in);
-        if (member == &f.farOffset)
-          member->type_meta = in.Byte() % 2 ? &f.char8 : nullptr;
+        Member* member = in.Byte() % 3 == 0 ? &f.d.farOffset : PickMember(f, in);
+        if (member == &f.d.farOffset)
+          member->type_meta = in.Byte() % 2 ? &f.d.char8 : nullptr;
         ExpectResult(table->get_item_sz(cols, filters, count, set, member), "sz");
       }
       return;
@@ -353,7 +354,7 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
         PickColumns(f, in, &col);
       } else {
         Member* member =
-            in.Byte() % 4 == 0 ? nullptr : f.metas[kGood].members[2 + in.Byte() % 3];
+            in.Byte() % 4 == 0 ? nullptr : f.d.metas[kGood].members[2 + in.Byte() % 3];
         col.filters.push_back(in.Byte() % 16 == 0 ? nullptr
                                                   : new DbFilter(member, DB_FILTER_OP_EQ,
                                                                  nullptr, nullptr));
@@ -382,10 +383,10 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
       return;
     case 15:
       if (in.Byte() % 2) f.db.UnInit();
-      Open(f);
+      f.files.Reopen();
       return;
     case 16: {
-      Meta* meta = &f.metas[in.Byte() % kMetaKinds];
+      Meta* meta = &f.d.metas[in.Byte() % kMetaKinds];
       std::unique_ptr<Table> created(f.db.createTable(meta, in.Byte() % 2));
       return;
     }
@@ -394,7 +395,7 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
       TableChange change(in.Byte() % 2, member);
       change.toString();
       ExpectResult(f.db.updateTable("t_calls", change, "0", 0), "updateTable");
-      f.db.getType(&f.loose);
+      f.db.getType(&f.d.loose);
       return;
     }
     case 18: {
@@ -426,21 +427,14 @@ void RunOneCall(Fixture& f, FuzzInput& in) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   ipc_db_fuzz::QuietLogs();
-  BuildFixture();
+  g_image.reset(new ipc_db_fuzz::DatabaseImage("calls.db", &BuildImage));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Fixture& f = *g_fixture;
+  Fixture f;
   FuzzInput in(data, size);
-  Open(f);
-  Settle(f);
   const int calls = 1 + in.Byte() % kMaxCalls;
-  for (int i = 0; i < calls; ++i) {
-    RunOneCall(f, in);
-    Settle(f);
-  }
-  Open(f);
-  Settle(f);
+  for (int i = 0; i < calls; ++i) RunOneCall(f, in);
   return 0;
 }

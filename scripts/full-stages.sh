@@ -52,23 +52,31 @@ valgrind_stage() {
   wait_all
 }
 
-# libFuzzer: the four targets at once, each for $fuzz_seconds, from the
-# checked-in corpus; new units go to build/fuzz/new-corpus (not tracked).
+# libFuzzer: the four targets at once, each for $fuzz_seconds with a seed
+# of its own (printed, and kept in its JSON; IPC_DB_FUZZ_SEED sets one for
+# all), from the checked-in corpus; new units go to build/fuzz/new-corpus
+# (not tracked). A finding fails the stage and prints the command that
+# replays it; every input starts from a fresh fixture, so the file alone
+# replays it.
 fuzz_one() {
-  local target=$1
+  local target=$1 seed=${IPC_DB_FUZZ_SEED:-$((RANDOM * 32768 + RANDOM))}
   local fresh=build/fuzz/new-corpus/$target artifacts=build/fuzz/artifacts/$target
   rm -rf "$fresh" "$artifacts"
   mkdir -p "$fresh" "$artifacts"
-  build/fuzz/fuzz/$target -max_total_time="$fuzz_seconds" -print_final_stats=1 \
-    -timeout=10 -rss_limit_mb=2048 -artifact_prefix="$artifacts/" \
+  echo "$target: seed $seed"
+  build/fuzz/fuzz/$target -seed="$seed" -max_total_time="$fuzz_seconds" \
+    -print_final_stats=1 -timeout=10 -rss_limit_mb=2048 -artifact_prefix="$artifacts/" \
     "$fresh" "fuzz/corpus/$target" >"$logs/fuzz-$target.log" 2>&1
-  local rc=$? findings corpus
+  local rc=$? findings corpus artifact
   findings=$(find "$artifacts" -type f | wc -l)
   corpus=$(find "fuzz/corpus/$target" -type f | wc -l)
   python3 scripts/tool-results.py fuzz "$logs/fuzz-$target.log" \
-    "$results/fuzz/$target.json" rc="$rc" seconds="$fuzz_seconds" \
+    "$results/fuzz/$target.json" rc="$rc" seconds="$fuzz_seconds" seed="$seed" \
     corpus="$corpus" findings="$findings"
-  echo "$target: exit status $rc, $findings findings (log: $logs/fuzz-$target.log)"
+  echo "$target: seed $seed, exit status $rc, $findings findings (log: $logs/fuzz-$target.log)"
+  for artifact in "$artifacts"/*; do
+    [[ -f $artifact ]] && echo "$target: replay with: build/fuzz/fuzz/$target $artifact"
+  done
   [[ $rc -eq 0 && $findings -eq 0 ]]
 }
 fuzz_stage() {

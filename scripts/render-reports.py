@@ -142,9 +142,9 @@ def valgrind(data):
 
 def fuzz(data):
     rows = [dict(target=k, **v) for k, v in data.items()]
-    return table(rows, ["target", "seconds", "executions", "per_second", "new_units",
-                        "corpus", "findings", "rc"],
-                 ["Target", "Seconds", "Executions", "Per second", "New units",
+    return table(rows, ["target", "seed", "seconds", "executions", "per_second",
+                        "new_units", "corpus", "findings", "rc"],
+                 ["Target", "Seed", "Seconds", "Executions", "Per second", "New units",
                   "Corpus files", "Findings", "Exit status"])
 
 

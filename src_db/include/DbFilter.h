@@ -28,12 +28,23 @@ enum DbFilterOperator : int {
   DB_FILTER_OP_IN = 13,            // column in array value1 of value2 elements
 };
 
-// One filter term. Values are read by the member's sql_type: for an
-// "INTEGER" member the pointer's bits are the number (signed 32-bit); for
-// any other member the pointer addresses character data of the field's width
-// (read up to one byte past it when it holds no zero byte). Limit and offset
-// carry their number in value1. For DB_FILTER_OP_IN value1 points to the
-// array and value2 carries the element count.
+// One filter term. Values are read by the operator and the member's
+// sql_type; W below is the type_size of the member's type_meta:
+// - the six comparisons and between over an "INTEGER" member: the slot's
+//   bits are the number (signed 32-bit); no memory is read;
+// - the six comparisons and between over any other member, and like over
+//   any member: the characters at value1 (for between also at value2), up
+//   to the first zero byte and at most W + 1 bytes (one past the field when
+//   it holds no zero byte); value2 of a comparison or like is not read;
+// - in: value2 carries the element count N, and value1 points to the array;
+//   N <= 0 reads nothing. Over an "INTEGER" member the elements are signed
+//   32-bit when W is 4 (4 * N bytes), else signed 64-bit at a stride of W
+//   ((N - 1) * W + 8 bytes); over any other member they are N fields of W
+//   bytes, each read as above (at most N * W + 1 bytes);
+// - limit and offset carry their number in value1; and, order by, order by
+//   descending and any other operator read no value.
+// Table::update_item binds a term over a "BLOB" member instead of rendering
+// it, and reads its value1 otherwise (Table.h).
 class IPC_DB_API DbFilter {
  public:
   // Stores the four fields; no checks. Nothing is owned.

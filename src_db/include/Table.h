@@ -53,7 +53,13 @@ class IPC_DB_API Table {
   long long add_item(void* obj, unsigned long long itemcnt,
                      const DbFilters& filters);
   // Sets the columns of `set` (equal terms only) on the rows selected by
-  // `where`. 0 or -1.
+  // `where`. 0 or -1. A term over a "BLOB" member, in either list, is not
+  // rendered: it becomes "<column> = ?" whatever its operator (blobs compare
+  // only for equality) and binds exactly type_size bytes read from its
+  // value1; of several such terms in one list only the last is bound.
+  // REQUIRES: the value1 of every such term, whatever its operator (an
+  // in-list of 0 elements included), null or addressing type_size readable
+  // bytes; a null value1 binds NULL where the checks above let it through.
   long long update_item(DbFilters& set, DbFilters& where);
   // Runs one delete per list of the array `filters` of `itemcnt` lists; an
   // empty list deletes every row. More than one in a transaction. 0 or -1.
