@@ -18,7 +18,7 @@ sections are replaced and each gets its own provenance line instead of the
 page's (for figures of a run of their own, e.g. the faults label at full
 scale). With --suffix S, report GROUP fills the section GROUP<S> instead
 (the same report of a build on another engine: --build-dir build/sqlcipher4
---groups faults --suffix -sqlcipher4 fills <!-- report:faults-sqlcipher4 -->).
+--groups faults --suffix=-sqlcipher4 fills <!-- report:faults-sqlcipher4 -->).
 Provenance lines name the build's engine when DIR/reports/engine.json (written
 by the full tier) tells it. scripts/test.sh --full renders the reliability groups into
 build/default/reports; bench/run renders performance into
