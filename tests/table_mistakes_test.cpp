@@ -110,6 +110,9 @@
 //      -> -1, "filter value is null.\n"
 // 49 toString of a Table without Meta             crash
 //      -> "" and "meta_data is null.\n"
+// 50 update_item: blob where term without type_meta, any operator (" and ")
+//                                                 crash
+//      -> -1, "type_meta of member bData is null.\n"
 //
 // Left alone, with the reason:
 // - itemcnt (add_item, get_item) or an in-list count larger than the
@@ -486,6 +489,20 @@ const Refusal kRefusals[] = {
        DbFilters& set = c.List(c.Term("iAge", DB_FILTER_OP_EQ, IntSlot(99)));
        DbFilter* term = new DbFilter(nullptr, DB_FILTER_OP_GT, IntSlot(1), nullptr);
        return c.table->update_item(set, c.List(term));
+     }},
+    // update_item binds a blob member's condition as "= ?" with type_size
+    // bytes whatever the term's operator, so even an " and " term that names
+    // a blob member needs the member's type_meta.
+    {"UpdateWhereBlobTermWithoutTypeMeta", "type_meta of member bData is null.\n",
+     [](Caller& c) {
+       c.copy.Get("bData")->type_meta = nullptr;
+       DbFilters& set = c.List(new DbFilter(c.copy.Get("iAge"), DB_FILTER_OP_EQ, IntSlot(99),
+                                            nullptr));
+       c.lists.emplace_back(
+           3, new DbFilter(c.copy.Get("iAge"), DB_FILTER_OP_EQ, IntSlot(1), nullptr),
+           new DbFilter(c.copy.Get("bData"), DB_FILTER_OP_AND, nullptr, nullptr),
+           new DbFilter(c.copy.Get("iAge"), DB_FILTER_OP_EQ, IntSlot(2), nullptr));
+       return c.copyTable.update_item(set, c.lists.back());
      }},
 
     // ---- rmv_item ----

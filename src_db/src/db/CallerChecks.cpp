@@ -146,4 +146,14 @@ bool CheckFilterTerms(const DbFilters& filters) {
   return true;
 }
 
+bool CheckUpdateCondition(const DbFilters& where) {
+  if (!CheckFilterTerms(where)) return false;
+  for (const DbFilter* term : where.filters) {
+    const bool blobMember =
+        term->member != nullptr && ColumnKindOf(*term->member) == ColumnKind::kBlob;
+    if (blobMember && !CheckMemberType(*term->member)) return false;
+  }
+  return true;
+}
+
 }  // namespace ipc_db::detail

@@ -60,6 +60,12 @@ bool CheckColumnTerms(const DbFilters& cols);
 // column-list messages).
 bool CheckFilterTerms(const DbFilters& filters);
 
+// The condition of update_item: CheckFilterTerms, and every term whose
+// member is a blob has the member's type description, whatever its
+// operator, since the update binds such a term's type_size bytes as its
+// value ("type_meta of member <name> is null.\n").
+bool CheckUpdateCondition(const DbFilters& where);
+
 // The check of CheckFilterTerms for one term, for DbFilter's own rendering.
 bool CheckFilterTerm(const DbFilter& term);
 

@@ -18,6 +18,7 @@ using ipc_db::detail::BuildUpdate;
 using ipc_db::detail::CheckByteSize;
 using ipc_db::detail::CheckConnection;
 using ipc_db::detail::CheckFilterTerms;
+using ipc_db::detail::CheckUpdateCondition;
 using ipc_db::detail::CheckOpenHandle;
 using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::DeleteStatement;
@@ -77,7 +78,7 @@ long long Table::update_item(DbFilters& set, DbFilters& where) try {
     DB_LOG(kLogError, "filters is empty.\n");
     return -1;
   }
-  if (!CheckAssignments(set) || !CheckFilterTerms(where)) return -1;
+  if (!CheckAssignments(set) || !CheckUpdateCondition(where)) return -1;
   std::string sql;
   BoundBlob setBlob;
   BoundBlob whereBlob;
