@@ -36,7 +36,7 @@ using ipc_db_test::WriteResultJson;
 namespace {
 
 constexpr int kRows = 1000;
-constexpr int kCasesPerDamage = 8;
+constexpr int kCasesPerDamage = 20;
 
 enum class Damage { kChangedBytes, kTruncated, kZeroedPage };
 const char* const kDamageNames[] = {"changed bytes", "truncated", "zeroed page"};
