@@ -2,8 +2,8 @@
 // connection mutex), PosixMutexLock a queue's pthread mutex. Each locks in
 // its constructor and unlocks in its destructor, so that no return path can
 // leave a mutex held. Every lock the library takes goes through one of them.
-#ifndef IPC_DB_SRC_MUTEXLOCK_H_
-#define IPC_DB_SRC_MUTEXLOCK_H_
+#ifndef IPC_DB_SRC_CONN_MUTEXLOCK_H_
+#define IPC_DB_SRC_CONN_MUTEXLOCK_H_
 
 #include <pthread.h>
 
@@ -49,4 +49,4 @@ class PosixMutexLock {
 
 }  // namespace ipc_db::detail
 
-#endif  // IPC_DB_SRC_MUTEXLOCK_H_
+#endif  // IPC_DB_SRC_CONN_MUTEXLOCK_H_

@@ -2,7 +2,7 @@
 // with a log entry, and refuses to lock or unlock before Init().
 #include "StorageMutex.h"
 
-#include "Log.h"
+#include "base/Log.h"
 
 namespace {
 constexpr const char* kModule = ipc_db::detail::kLogModuleStorageMutex;

@@ -13,9 +13,10 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
-#include "BoundedQueue.h"
-#include "Log.h"
+#include "DBCommon.h"
+#include "base/Log.h"
 #include "bounded_mem.h"
+#include "conn/BoundedQueue.h"
 
 namespace {
 

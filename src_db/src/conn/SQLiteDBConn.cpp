@@ -15,12 +15,14 @@
 #include <string>
 #include <utility>
 
-#include "BoundedQueue.h"
-#include "Log.h"
-#include "MutexLock.h"
-#include "OutOfMemory.h"
-#include "SqliteOwners.h"
+#include "DBCommon.h"
+#include "base/Log.h"
+#include "base/OutOfMemory.h"
 #include "bounded_mem.h"
+#include "conn/BoundedQueue.h"
+#include "conn/Connection.h"
+#include "conn/MutexLock.h"
+#include "conn/SqliteOwners.h"
 
 namespace {
 
@@ -417,7 +419,7 @@ long long CSqliteDBConn::GetCountOfSQLResult(const char* sql) {
   return ConnCall("GetCountOfSQLResult", 0LL, [&]() -> long long {
     if (StateOf(*this) != HandleState::kReady || !IsSet(sql, "sql")) return 0;
     ScopedExecResult result(this);
-    if (ExecuteSQL(sql, result.get(), DB_EXEC_SQL_SYNC) != 0) {
+    if (result.Run(sql) != 0) {
       RECORD_LOG(kModule, kLogError, "ExecuteSQL:%s failed", sql);
       return 0;
     }

@@ -5,8 +5,8 @@
 // limit, the wait and the full-queue answer given by QueueSettings. The
 // helpers that every queue user needs (zero-filling an item, a deadline for
 // the timed wait) live here too.
-#ifndef IPC_DB_SRC_BOUNDEDQUEUE_H_
-#define IPC_DB_SRC_BOUNDEDQUEUE_H_
+#ifndef IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
+#define IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
 
 #include <pthread.h>
 #include <sys/time.h>
@@ -16,9 +16,9 @@
 #include <deque>
 
 #include "DBTypes.h"
-#include "Log.h"
-#include "MutexLock.h"
+#include "base/Log.h"
 #include "bounded_mem.h"
+#include "conn/MutexLock.h"
 
 namespace ipc_db::detail {
 
@@ -99,4 +99,4 @@ class BoundedQueue {
 
 }  // namespace ipc_db::detail
 
-#endif  // IPC_DB_SRC_BOUNDEDQUEUE_H_
+#endif  // IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
