@@ -6,6 +6,7 @@
 #include <new>
 
 #include "SQLiteDBConn.h"
+#include "conn/SharedFlags.h"
 
 namespace ipc_db::detail {
 
@@ -14,6 +15,8 @@ CDBConn* NewConnection() { return new (std::nothrow) CSqliteDBConn(); }
 sqlite3* SqliteHandleOf(CDBConn* conn) {
   return static_cast<CSqliteDBConn*>(conn)->m_pSqliteDB;
 }
+
+int ConnectionStatus(const CDBConn* conn) { return ReadFlag(conn->m_enDBStatus); }
 
 long long RunText(CDBConn* conn, const char* sql) {
   return conn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);

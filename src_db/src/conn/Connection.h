@@ -32,6 +32,11 @@ CDBConn* NewConnection();
 // REQUIRES: `conn` came from NewConnection.
 sqlite3* SqliteHandleOf(CDBConn* conn);
 
+// m_enDBStatus of `conn` (1 open, 0 otherwise), read as the connection
+// writes it (conn/SharedFlags.h): a maintenance worker may pause or resume
+// the connection on another thread.
+int ConnectionStatus(const CDBConn* conn);
+
 // Runs `sql` now on path 1 without a result table: ExecuteSQL's result.
 long long RunText(CDBConn* conn, const char* sql);
 

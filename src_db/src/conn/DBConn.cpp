@@ -17,6 +17,7 @@
 #include "base/Log.h"
 #include "bounded_mem.h"
 #include "conn/BoundedQueue.h"
+#include "conn/SharedFlags.h"
 
 namespace {
 
@@ -24,6 +25,8 @@ constexpr const char* kModule = ipc_db::detail::kLogModuleDBConn;
 using ipc_db::detail::BoundedQueue;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::QueueSettings;
+using ipc_db::detail::ReadFlag;
+using ipc_db::detail::WriteFlag;
 using ipc_db::detail::ZeroFill;
 
 constexpr size_t kThreadStackSize = 262144;
@@ -74,6 +77,72 @@ BoundedQueue<DB_REPAIR_ITEM> MaintainQueueOf(CDBConn* conn) {
                                       &conn->m_condRepair, kMaintainQueue);
 }
 
+// The stop handshake both workers share. A worker is stopped only when it
+// was started and runs: its stop flag is set, it is woken (a stop item on
+// the execution queue, a wake item on the maintenance queue), and its
+// running flag is looked at up to 51 times, with a 100 ms sleep after each
+// look that finds it still running. The two workers differ in the end of the
+// wait: the execution worker's handshake looks once more after the 51st
+// sleep and logs the time-out only if the worker still runs; the
+// maintenance worker's logs it after the 51st sleep without looking again.
+// Either way the started flag is cleared and the result is 0.
+struct WorkerStop {
+  int CDBConn::*started;
+  int CDBConn::*stop;
+  int CDBConn::*running;
+  void (*wake)(CDBConn* conn);
+  bool looksAfterLastSleep;
+  const char* timeOutText;  // logged (error level) when the wait gives up
+};
+
+void WakeExecWorker(CDBConn* conn) {
+  if (conn->m_pfnStopExecThread != nullptr) {
+    conn->m_pfnStopExecThread(conn->m_pStopExecThreadArg);
+  }
+}
+
+void WakeMaintenanceWorker(CDBConn* conn) {
+  DB_REPAIR_ITEM wake;
+  ZeroFill(&wake, kModule);
+  wake.enCmdType = DB_REPAIR_CMD_WAKE;
+  conn->NotifyMaintainDBCmd(wake);
+}
+
+constexpr WorkerStop kExecWorker{&CDBConn::m_bExecThreadStarted,
+                                 &CDBConn::m_bExecThreadStop,
+                                 &CDBConn::m_bExecThreadRunning,
+                                 &WakeExecWorker,
+                                 true,
+                                 "ExecThread time out!"};
+constexpr WorkerStop kMaintenanceWorker{&CDBConn::m_bMaintainThreadStarted,
+                                        &CDBConn::m_bMaintainThreadStop,
+                                        &CDBConn::m_bMaintainThreadRunning,
+                                        &WakeMaintenanceWorker,
+                                        false,
+                                        "MaintenanceThread stop time out!"};
+
+// Waits for `running` to leave 1 as the handshake above says. True when a
+// look found the worker stopped.
+bool WaitForWorkerEnd(const int& running, bool looksAfterLastSleep) {
+  for (int round = 0; round < kStopWaitRounds; ++round) {
+    if (ReadFlag(running) != 1) return true;
+    Sleep(kStopWaitStepMs);
+  }
+  return looksAfterLastSleep && ReadFlag(running) != 1;
+}
+
+long long StopWorker(CDBConn* conn, const WorkerStop& worker) {
+  int& started = conn->*worker.started;
+  if (ReadFlag(started) == 0 || ReadFlag(conn->*worker.running) == 0) return 0;
+  WriteFlag(conn->*worker.stop, 1);
+  worker.wake(conn);
+  if (!WaitForWorkerEnd(conn->*worker.running, worker.looksAfterLastSleep)) {
+    RECORD_LOG(kModule, kLogError, "%s", worker.timeOutText);
+  }
+  WriteFlag(started, 0);
+  return 0;
+}
+
 }  // namespace
 
 CDBConn::CDBConn()
@@ -122,66 +191,36 @@ long long CDBConn::SetEncryptKey(char* szEncryptKey, unsigned int uiKeyLen) {
 
 long long CDBConn::StartExecThread() {
   PrepareWorkerAttributes();
-  m_bExecThreadStop = 0;
+  WriteFlag(m_bExecThreadStop, 0);
   return 0;
 }
 
-long long CDBConn::StopExecThread() {
-  if (m_bExecThreadStarted == 0) return 0;
-  if (m_bExecThreadRunning == 0) return 0;
-  m_bExecThreadStop = 1;
-  if (m_pfnStopExecThread != nullptr) m_pfnStopExecThread(m_pStopExecThreadArg);
-  for (int round = 1; round <= kStopWaitRounds && m_bExecThreadRunning == 1; ++round) {
-    Sleep(kStopWaitStepMs);
-    if (round == kStopWaitRounds && m_bExecThreadRunning == 1) {
-      RECORD_LOG(kModule, kLogError, "ExecThread time out!");
-    }
-  }
-  m_bExecThreadStarted = 0;
-  return 0;
-}
+long long CDBConn::StopExecThread() { return StopWorker(this, kExecWorker); }
 
 void* CDBConn::ExecThreadFun(void* conn) {
   SetUpWorkerThread("db_exec_%d", &g_execThreadIndex);
   if (conn == nullptr) return nullptr;
   auto* self = static_cast<CDBConn*>(conn);
-  self->m_bExecThreadRunning = 1;
+  WriteFlag(self->m_bExecThreadRunning, 1);
   if (self->m_pfnExecThread != nullptr) self->m_pfnExecThread(self->m_pExecThreadArg);
-  self->m_bExecThreadRunning = 0;
+  WriteFlag(self->m_bExecThreadRunning, 0);
   return nullptr;
 }
 
 long long CDBConn::StartMaintenanceThread() {
   PrepareWorkerAttributes();
-  m_bMaintainThreadStop = 0;
+  WriteFlag(m_bMaintainThreadStop, 0);
   return 0;
 }
 
-long long CDBConn::StopMaintenanceThread() {
-  if (m_bMaintainThreadStarted == 0 || m_bMaintainThreadRunning == 0) return 0;
-  m_bMaintainThreadStop = 1;
-  DB_REPAIR_ITEM wake;
-  ZeroFill(&wake, kModule);
-  wake.enCmdType = DB_REPAIR_CMD_WAKE;
-  NotifyMaintainDBCmd(wake);
-  for (int round = 0; round < kStopWaitRounds; ++round) {
-    if (m_bMaintainThreadRunning != 1) {
-      m_bMaintainThreadStarted = 0;
-      return 0;
-    }
-    Sleep(kStopWaitStepMs);
-  }
-  RECORD_LOG(kModule, kLogError, "MaintenanceThread stop time out!");
-  m_bMaintainThreadStarted = 0;
-  return 0;
-}
+long long CDBConn::StopMaintenanceThread() { return StopWorker(this, kMaintenanceWorker); }
 
 void* CDBConn::MaintenanceThreadFun(void* conn) {
   SetUpWorkerThread("db_maintain_%d", &g_maintainThreadIndex);
   if (conn == nullptr) return nullptr;
   auto* self = static_cast<CDBConn*>(conn);
-  self->m_bMaintainThreadRunning = 1;
-  while (self->m_bMaintainThreadStop == 0) {
+  WriteFlag(self->m_bMaintainThreadRunning, 1);
+  while (ReadFlag(self->m_bMaintainThreadStop) == 0) {
     DB_REPAIR_ITEM item;
     ZeroFill(&item, kModule);
     if (self->WaitMaintainDBCmd(item) != 0) {
@@ -198,7 +237,7 @@ void* CDBConn::MaintenanceThreadFun(void* conn) {
     }
     self->ResumeConnection();
   }
-  self->m_bMaintainThreadRunning = 0;
+  WriteFlag(self->m_bMaintainThreadRunning, 0);
   return nullptr;
 }
 

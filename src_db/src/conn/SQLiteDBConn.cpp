@@ -22,6 +22,7 @@
 #include "conn/BoundedQueue.h"
 #include "conn/Connection.h"
 #include "conn/MutexLock.h"
+#include "conn/SharedFlags.h"
 #include "conn/SqliteOwners.h"
 
 namespace {
@@ -34,8 +35,10 @@ using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
 using ipc_db::detail::MutexLock;
 using ipc_db::detail::QueueSettings;
+using ipc_db::detail::ReadFlag;
 using ipc_db::detail::ScopedExecResult;
 using ipc_db::detail::SqliteString;
+using ipc_db::detail::WriteFlag;
 using ipc_db::detail::ZeroFill;
 
 constexpr size_t kExecQueueCapacity = 1024;
@@ -75,7 +78,7 @@ enum class HandleState {
 };
 
 HandleState StateOf(const CSqliteDBConn& conn) {
-  if (conn.m_bPaused == 1) return HandleState::kPaused;
+  if (ReadFlag(conn.m_bPaused) == 1) return HandleState::kPaused;
   if (conn.m_pSqliteDB == nullptr) {
     RECORD_LOG(kModule, kLogError, "DB Connection has not exist");
     return HandleState::kNoHandle;
@@ -233,7 +236,7 @@ void CSqliteDBConn::SetDBJournal(const std::string& strDBJournal) {
 }
 
 long long CSqliteDBConn::OpenConnection() {
-  if (m_bPaused == 1) return 0;
+  if (ReadFlag(m_bPaused) == 1) return 0;
   {
     MutexLock lock(&m_mutexConn);
     if (m_pSqliteDB != nullptr) {
@@ -283,7 +286,7 @@ long long CSqliteDBConn::OpenConnection() {
       return DB_ERR_OPEN;
     }
   }
-  m_enDBStatus = 1;
+  WriteFlag(m_enDBStatus, 1);
   return 0;
 }
 
@@ -303,7 +306,7 @@ long long CSqliteDBConn::SetDBAttr() {
 }
 
 long long CSqliteDBConn::CloseConnection() {
-  if (m_bPaused == 1) return 0;
+  if (ReadFlag(m_bPaused) == 1) return 0;
   {
     MutexLock lock(&m_mutexConn);
     if (m_pSqliteDB == nullptr) {
@@ -319,14 +322,14 @@ long long CSqliteDBConn::CloseConnection() {
     m_pSqliteDB = nullptr;
   }
   RECORD_LOG(kModule, kLogInfo, "close:%s success", m_strDBFile.c_str());
-  m_enDBStatus = 0;
+  WriteFlag(m_enDBStatus, 0);
   return 0;
 }
 
 long long CSqliteDBConn::PauseConnection() {
   if (m_pSqliteDB == nullptr) return 0;
   RECORD_LOG(kModule, kLogInfo, "Pause DB:%s", m_strDBFile.c_str());
-  m_bPaused = 1;
+  WriteFlag(m_bPaused, 1);
   StopExecThread();
   int code = sqlite3_close(m_pSqliteDB);
   if (code != SQLITE_OK) {
@@ -335,7 +338,7 @@ long long CSqliteDBConn::PauseConnection() {
   }
   RECORD_LOG(kModule, kLogInfo, "close DB:%s success", m_strDBFile.c_str());
   m_pSqliteDB = nullptr;
-  m_enDBStatus = 0;
+  WriteFlag(m_enDBStatus, 0);
   Sleep(kPauseSettleMs);
   return 0;
 }
@@ -347,11 +350,11 @@ long long CSqliteDBConn::ResumeConnection() {
   if (code != SQLITE_OK) {
     RECORD_LOG(kModule, kLogError, "sqlite3_open failed:%d", code);
     ReleaseFailedHandle(&m_pSqliteDB);
-    m_bPaused = 0;
+    WriteFlag(m_bPaused, 0);
     return DB_ERR_OPEN;
   }
   RECORD_LOG(kModule, kLogInfo, "open DB:%s success", m_strDBFile.c_str());
-  m_bPaused = 0;
+  WriteFlag(m_bPaused, 0);
   SetDBAttr();
   if (StartExecThread() != 0) {
     RECORD_LOG(kModule, kLogError, "start execThread failed");
@@ -359,7 +362,7 @@ long long CSqliteDBConn::ResumeConnection() {
     m_pSqliteDB = nullptr;
     return -1;
   }
-  m_enDBStatus = 1;
+  WriteFlag(m_enDBStatus, 1);
   return 0;
 }
 
@@ -551,8 +554,8 @@ void* CSqliteDBConn::SqliteDBExecThreadFun(void* conn) {
     return nullptr;
   }
   auto* self = static_cast<CSqliteDBConn*>(conn);
-  self->m_bExecThreadRunning = 1;
-  while (self->m_bExecThreadStop == 0) {
+  WriteFlag(self->m_bExecThreadRunning, 1);
+  while (ReadFlag(self->m_bExecThreadStop) == 0) {
     SQLITE_DB_EXEC_QUEUE_ITEM item;
     ZeroFill(&item, kModule);
     long long waited = self->WaitSqlExecCmd(item);
@@ -569,7 +572,7 @@ void* CSqliteDBConn::SqliteDBExecThreadFun(void* conn) {
     }
     RunQueuedStatement(self, item.szSQL);
   }
-  self->m_bExecThreadRunning = 0;
+  WriteFlag(self->m_bExecThreadRunning, 0);
   RECORD_LOG(kModule, kLogInfo, "!!!!!   SqliteDBExecThreadFun(): thread end !!!!!");
   return nullptr;
 }

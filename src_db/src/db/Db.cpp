@@ -10,6 +10,7 @@
 #include "base/OutOfMemory.h"
 #include "conn/Connection.h"
 
+using ipc_db::detail::ConnectionStatus;
 using ipc_db::detail::DbOutOfMemory;
 using ipc_db::detail::NewConnection;
 using ipc_db::detail::kLogError;
@@ -92,7 +93,7 @@ unsigned int Db::GetDBStatus() {
     LogNoConnection();
     return kDbStatusNoConnection;
   }
-  return static_cast<unsigned int>(m_pDBConn->m_enDBStatus);
+  return static_cast<unsigned int>(ConnectionStatus(m_pDBConn));
 }
 
 long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) try {
