@@ -17,6 +17,7 @@
 
 #include "DBTypes.h"
 #include "base/Log.h"
+#include "base/ThreadAnnotations.h"
 #include "bounded_mem.h"
 #include "conn/MutexLock.h"
 
@@ -53,19 +54,20 @@ struct QueueSettings {
 };
 
 // A view over one queue's members. Push and Pop take the queue's mutex
-// through PosixMutexLock for their whole run.
+// through PosixMutexLock for their whole run; the analysis checks that the
+// items are touched only inside it.
 template <typename Item>
 class BoundedQueue {
  public:
   BoundedQueue(std::deque<Item>* items, pthread_mutex_t* mutex, pthread_cond_t* ready,
                const QueueSettings& settings)
-      : items_(items), mutex_(mutex), ready_(ready), settings_(settings) {}
+      : mutex_(mutex), items_(items), ready_(ready), settings_(settings) {}
 
   // Appends a copy of `item` and wakes one waiter. 0, or
   // settings.fullResult (with settings.fullText logged) when the queue
   // holds settings.limit items; the item is then dropped.
   long long Push(const Item& item) {
-    PosixMutexLock lock(mutex_);
+    PosixMutexLock lock(&mutex_);
     if (items_->size() >= settings_.limit) {
       RECORD_LOG(settings_.module, kLogError, "%s", settings_.fullText);
       return settings_.fullResult;
@@ -79,10 +81,9 @@ class BoundedQueue {
   // for up to settings.waitSeconds; DB_ERR_WAIT_TIMEOUT when the wait ends
   // (by time-out or a wake-up) with the queue still empty.
   long long Pop(Item* item) {
-    PosixMutexLock lock(mutex_);
+    PosixMutexLock lock(&mutex_);
     if (items_->empty()) {
-      struct timespec deadline = DeadlineAfter(settings_.waitSeconds);
-      int waited = pthread_cond_timedwait(ready_, lock.native(), &deadline);
+      int waited = WaitOnce();
       if (waited != 0 || items_->empty()) return DB_ERR_WAIT_TIMEOUT;
     }
     *item = items_->front();
@@ -91,9 +92,16 @@ class BoundedQueue {
   }
 
  private:
-  std::deque<Item>* items_;
-  pthread_mutex_t* mutex_;
-  pthread_cond_t* ready_;
+  // One wait on the condition, up to settings.waitSeconds; releases the
+  // mutex while it waits. pthread_cond_timedwait's result.
+  int WaitOnce() REQUIRES(mutex_) {
+    struct timespec deadline = DeadlineAfter(settings_.waitSeconds);
+    return pthread_cond_timedwait(ready_, mutex_.native(), &deadline);
+  }
+
+  QueueMutex mutex_;
+  std::deque<Item>* items_ PT_GUARDED_BY(mutex_);
+  pthread_cond_t* ready_;  // signalled by Push, waited on by Pop, with mutex_ held
   QueueSettings settings_;
 };
 
