@@ -9,13 +9,13 @@
 #define IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
 
 #include <pthread.h>
-#include <sys/time.h>
 #include <time.h>
 
 #include <cstddef>
 #include <deque>
 
 #include "DBTypes.h"
+#include "base/Env.h"
 #include "base/Log.h"
 #include "base/ThreadAnnotations.h"
 #include "bounded_mem.h"
@@ -23,15 +23,10 @@
 
 namespace ipc_db::detail {
 
-// Absolute time of day `seconds` from now, for pthread_cond_timedwait
-// (which measures against the realtime clock).
-inline struct timespec DeadlineAfter(time_t seconds) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct timespec deadline;
-  deadline.tv_sec = now.tv_sec + seconds;
-  deadline.tv_nsec = now.tv_usec * 1000;
-  return deadline;
+// Time of day `seconds` from now on the environment's clock, in
+// microseconds, for the environment's timed condition wait.
+inline unsigned long long DeadlineAfter(time_t seconds) {
+  return CurrentEnv().NowMicros() + static_cast<unsigned long long>(seconds) * 1000000ULL;
 }
 
 // Zeroes `*item`, logging under `module` (and going on) if the bounded set
@@ -95,8 +90,8 @@ class BoundedQueue {
   // One wait on the condition, up to settings.waitSeconds; releases the
   // mutex while it waits. pthread_cond_timedwait's result.
   int WaitOnce() REQUIRES(mutex_) {
-    struct timespec deadline = DeadlineAfter(settings_.waitSeconds);
-    return pthread_cond_timedwait(ready_, mutex_.native(), &deadline);
+    return CurrentEnv().WaitForSignal(ready_, mutex_.native(),
+                                      DeadlineAfter(settings_.waitSeconds));
   }
 
   QueueMutex mutex_;

@@ -8,12 +8,10 @@
 // application starts them on threads of its own.
 #include "DBConn.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 
-#include "DBCommon.h"
+#include "base/Env.h"
 #include "base/Log.h"
 #include "bounded_mem.h"
 #include "conn/BoundedQueue.h"
@@ -23,6 +21,7 @@ namespace {
 
 constexpr const char* kModule = ipc_db::detail::kLogModuleDBConn;
 using ipc_db::detail::BoundedQueue;
+using ipc_db::detail::CurrentEnv;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::QueueSettings;
 using ipc_db::detail::ReadFlag;
@@ -35,6 +34,7 @@ constexpr unsigned long long kStopWaitStepMs = 100;
 constexpr size_t kMaintainQueueLimit = 2;
 constexpr time_t kMaintainWaitSeconds = 120;
 constexpr size_t kThreadNameSize = 32;
+constexpr unsigned int kInstallDirMode = 0777;
 
 // Numbers the worker threads over the life of the process. Incremented
 // without a lock, as thread starts are expected from one place at a time.
@@ -126,7 +126,7 @@ constexpr WorkerStop kMaintenanceWorker{&CDBConn::m_bMaintainThreadStarted,
 bool WaitForWorkerEnd(const int& running, bool looksAfterLastSleep) {
   for (int round = 0; round < kStopWaitRounds; ++round) {
     if (ReadFlag(running) != 1) return true;
-    Sleep(kStopWaitStepMs);
+    CurrentEnv().SleepMs(kStopWaitStepMs);
   }
   return looksAfterLastSleep && ReadFlag(running) != 1;
 }
@@ -251,15 +251,11 @@ long long CDBConn::WaitMaintainDBCmd(DB_REPAIR_ITEM& item) {
 
 long long CDBConn::CheckInstallPath() {
   if (RecordDirAccess(m_strInstallPath.c_str()) == 0) return 0;
-  if (mkdir(m_strInstallPath.c_str(), 0777) == 0) return 0;
+  if (CurrentEnv().MakeDirectory(m_strInstallPath.c_str(), kInstallDirMode) == 0) return 0;
   RECORD_LOG(kModule, kLogError, "mkdir %s failed: %d", m_strInstallPath.c_str(), errno);
   return DB_ERR_OPEN;
 }
 
 long long CDBConn::RecordDirAccess(const char* path) {
-  if (path == nullptr) return -1;
-  DIR* dir = opendir(path);
-  if (dir == nullptr) return -1;
-  if (closedir(dir) != 0) RECORD_LOG(kModule, kLogError, "closedir fail!\n");
-  return 0;
+  return CurrentEnv().CheckDirectory(path);
 }

@@ -7,15 +7,13 @@
 
 #include <errno.h>
 #include <sqlcipher/sqlite3.h>
-#include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 #include <utility>
 
-#include "DBCommon.h"
+#include "base/Env.h"
 #include "base/Log.h"
 #include "base/OutOfMemory.h"
 #include "base/ThreadAnnotations.h"
@@ -31,6 +29,7 @@ namespace {
 constexpr const char* kModule = ipc_db::detail::kLogModuleSQLiteDBConn;
 using ipc_db::detail::AnswerOutOfMemory;
 using ipc_db::detail::BoundedQueue;
+using ipc_db::detail::CurrentEnv;
 using ipc_db::detail::kLogDebug;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::kLogInfo;
@@ -41,6 +40,7 @@ using ipc_db::detail::ScopedExecResult;
 using ipc_db::detail::SqliteString;
 using ipc_db::detail::WriteFlag;
 using ipc_db::detail::ZeroFill;
+using ipc_db::testing::Env;
 
 constexpr size_t kExecQueueCapacity = 1024;
 constexpr time_t kExecWaitSeconds = 5;
@@ -272,10 +272,11 @@ long long CSqliteDBConn::OpenConnection() {
       return DB_ERR_OPEN;
     }
     RECORD_LOG(kModule, kLogInfo, "open:%s success", m_strDBFile.c_str());
-    if (RecordFileAccess(m_strDBFile.c_str()) == 0) {
-      RecordFileChmod(m_strDBFile.c_str(), kFileMode);
-      if (RecordFileAccess(m_strDBJournal.c_str()) == 0) {
-        RecordFileChmod(m_strDBJournal.c_str(), kFileMode);
+    Env& env = CurrentEnv();
+    if (env.CheckFileAccess(m_strDBFile.c_str()) == 0) {
+      env.ChangeFileMode(m_strDBFile.c_str(), kFileMode);
+      if (env.CheckFileAccess(m_strDBJournal.c_str()) == 0) {
+        env.ChangeFileMode(m_strDBJournal.c_str(), kFileMode);
       }
     }
     if (m_szEncryptKey[0] != 0) {
@@ -353,7 +354,7 @@ long long CSqliteDBConn::PauseConnection() {
   RECORD_LOG(kModule, kLogInfo, "close DB:%s success", m_strDBFile.c_str());
   m_pSqliteDB = nullptr;
   WriteFlag(m_enDBStatus, 0);
-  Sleep(kPauseSettleMs);
+  CurrentEnv().SleepMs(kPauseSettleMs);
   return 0;
 }
 
@@ -632,20 +633,21 @@ long long CSqliteDBConn::RepairDB() {
     RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);
   }
   RECORD_LOG(kModule, kLogInfo, "repair DB command: %s", command);
-  long long ran = ExecShell(command, 0);
+  Env& env = CurrentEnv();
+  long long ran = env.RunShell(command, 0);
   if (ran != 0) {
     RECORD_LOG(kModule, kLogError, "Run:%s failed", command);
     return ran;
   }
-  if (RecordFileAccess(newFile.c_str()) != 0) {
+  if (env.CheckFileAccess(newFile.c_str()) != 0) {
     RECORD_LOG(kModule, kLogError, "New file:%s not exist!", newFile.c_str());
     return -1;
   }
-  if (unlink(file) != 0) {
+  if (env.RemoveFile(file) != 0) {
     RECORD_LOG(kModule, kLogError, "delete:%s failed on %d", file, errno);
     return -1;
   }
-  if (rename(newFile.c_str(), file) != 0) {
+  if (env.RenameFile(newFile.c_str(), file) != 0) {
     RECORD_LOG(kModule, kLogError, "rename:%s to %s failed on %d", newFile.c_str(), file,
                errno);
     return -1;
