@@ -1,7 +1,8 @@
 // CDBConn: the part of a connection that every implementation shares: field
 // set-up and teardown, the key buffer, the install directory check, the
-// configuration and stop handshakes of the execution and maintenance
-// workers, the maintenance queue and the maintenance worker body.
+// configuration, thread entry and stop handshake that the execution and
+// maintenance workers share, the maintenance queue and the maintenance
+// worker's loop.
 //
 // The Start*Thread functions prepare thread attributes and clear the stop
 // flags but create no thread; the thread bodies run only when an
@@ -77,27 +78,61 @@ BoundedQueue<DB_REPAIR_ITEM> MaintainQueueOf(CDBConn* conn) {
                                       &conn->m_condRepair, kMaintainQueue);
 }
 
-// The stop handshake both workers share. A worker is stopped only when it
-// was started and runs: its stop flag is set, it is woken (a stop item on
-// the execution queue, a wake item on the maintenance queue), and its
-// running flag is looked at up to 51 times, with a 100 ms sleep after each
-// look that finds it still running. The two workers differ in the end of the
-// wait: the execution worker's handshake looks once more after the 51st
-// sleep and logs the time-out only if the worker still runs; the
-// maintenance worker's logs it after the 51st sleep without looking again.
-// Either way the started flag is cleared and the result is 0.
-struct WorkerStop {
+// What tells the two workers apart: their flags, the name and number of
+// their threads, what the thread runs, how a stop request wakes them, and
+// the end of their stop handshake.
+//
+// The stop handshake both share: a worker is stopped only when it was
+// started and runs; its stop flag is set, it is woken (a stop item on the
+// execution queue, a wake item on the maintenance queue), and its running
+// flag is looked at up to 51 times, with a 100 ms sleep after each look that
+// finds it still running. The two differ in the end of the wait: the
+// execution worker's handshake looks once more after the 51st sleep and logs
+// the time-out only if the worker still runs; the maintenance worker's logs
+// it after the 51st sleep without looking again. Either way the started flag
+// is cleared and the result is 0.
+struct Worker {
   int CDBConn::*started;
   int CDBConn::*stop;
   int CDBConn::*running;
+  const char* namePattern;  // thread name, numbered from *threadCounter
+  int* threadCounter;
+  void (*body)(CDBConn* conn);
   void (*wake)(CDBConn* conn);
   bool looksAfterLastSleep;
   const char* timeOutText;  // logged (error level) when the wait gives up
 };
 
+// The execution worker's thread runs the hook a connection kind set.
+void RunExecHook(CDBConn* conn) {
+  if (conn->m_pfnExecThread != nullptr) conn->m_pfnExecThread(conn->m_pExecThreadArg);
+}
+
 void WakeExecWorker(CDBConn* conn) {
   if (conn->m_pfnStopExecThread != nullptr) {
     conn->m_pfnStopExecThread(conn->m_pStopExecThreadArg);
+  }
+}
+
+// The maintenance worker's loop: one request at a time until the stop flag
+// or an exit request; a quiet wait calls BackUpDB.
+void RunMaintenanceLoop(CDBConn* conn) {
+  while (ReadFlag(conn->m_bMaintainThreadStop) == 0) {
+    DB_REPAIR_ITEM item;
+    ZeroFill(&item, kModule);
+    if (conn->WaitMaintainDBCmd(item) != 0) {
+      conn->BackUpDB();
+      continue;
+    }
+    if (item.enCmdType == DB_REPAIR_CMD_WAKE) continue;
+    if (item.enCmdType == DB_REPAIR_CMD_EXIT) break;
+    conn->PauseConnection();
+    if (item.enCmdType == DB_REPAIR_CMD_REPAIR) {
+      conn->RepairDB();
+    } else if (item.enCmdType == DB_REPAIR_CMD_RESTORE) {
+      conn->RestoreDB();
+    }
+    conn->ResumeConnection();
   }
 }
 
@@ -108,18 +143,43 @@ void WakeMaintenanceWorker(CDBConn* conn) {
   conn->NotifyMaintainDBCmd(wake);
 }
 
-constexpr WorkerStop kExecWorker{&CDBConn::m_bExecThreadStarted,
-                                 &CDBConn::m_bExecThreadStop,
-                                 &CDBConn::m_bExecThreadRunning,
-                                 &WakeExecWorker,
-                                 true,
-                                 "ExecThread time out!"};
-constexpr WorkerStop kMaintenanceWorker{&CDBConn::m_bMaintainThreadStarted,
-                                        &CDBConn::m_bMaintainThreadStop,
-                                        &CDBConn::m_bMaintainThreadRunning,
-                                        &WakeMaintenanceWorker,
-                                        false,
-                                        "MaintenanceThread stop time out!"};
+constexpr Worker kExecWorker{&CDBConn::m_bExecThreadStarted,
+                             &CDBConn::m_bExecThreadStop,
+                             &CDBConn::m_bExecThreadRunning,
+                             "db_exec_%d",
+                             &g_execThreadIndex,
+                             &RunExecHook,
+                             &WakeExecWorker,
+                             true,
+                             "ExecThread time out!"};
+constexpr Worker kMaintenanceWorker{&CDBConn::m_bMaintainThreadStarted,
+                                    &CDBConn::m_bMaintainThreadStop,
+                                    &CDBConn::m_bMaintainThreadRunning,
+                                    "db_maintain_%d",
+                                    &g_maintainThreadIndex,
+                                    &RunMaintenanceLoop,
+                                    &WakeMaintenanceWorker,
+                                    false,
+                                    "MaintenanceThread stop time out!"};
+
+// Configures a worker: prepares its thread attributes and clears its stop
+// flag. Creates no thread.
+long long StartWorker(CDBConn* conn, const Worker& worker) {
+  PrepareWorkerAttributes();
+  WriteFlag(conn->*worker.stop, 0);
+  return 0;
+}
+
+// The thread entry of a worker on `conn` (a CDBConn, or null).
+void* RunWorkerThread(void* conn, const Worker& worker) {
+  SetUpWorkerThread(worker.namePattern, worker.threadCounter);
+  if (conn == nullptr) return nullptr;
+  auto* self = static_cast<CDBConn*>(conn);
+  WriteFlag(self->*worker.running, 1);
+  worker.body(self);
+  WriteFlag(self->*worker.running, 0);
+  return nullptr;
+}
 
 // Waits for `running` to leave 1 as the handshake above says. True when a
 // look found the worker stopped.
@@ -131,7 +191,7 @@ bool WaitForWorkerEnd(const int& running, bool looksAfterLastSleep) {
   return looksAfterLastSleep && ReadFlag(running) != 1;
 }
 
-long long StopWorker(CDBConn* conn, const WorkerStop& worker) {
+long long StopWorker(CDBConn* conn, const Worker& worker) {
   int& started = conn->*worker.started;
   if (ReadFlag(started) == 0 || ReadFlag(conn->*worker.running) == 0) return 0;
   WriteFlag(conn->*worker.stop, 1);
@@ -189,56 +249,18 @@ long long CDBConn::SetEncryptKey(char* szEncryptKey, unsigned int uiKeyLen) {
   return memcpy_s(m_szEncryptKey, sizeof(m_szEncryptKey), szEncryptKey, uiKeyLen);
 }
 
-long long CDBConn::StartExecThread() {
-  PrepareWorkerAttributes();
-  WriteFlag(m_bExecThreadStop, 0);
-  return 0;
-}
+long long CDBConn::StartExecThread() { return StartWorker(this, kExecWorker); }
 
 long long CDBConn::StopExecThread() { return StopWorker(this, kExecWorker); }
 
-void* CDBConn::ExecThreadFun(void* conn) {
-  SetUpWorkerThread("db_exec_%d", &g_execThreadIndex);
-  if (conn == nullptr) return nullptr;
-  auto* self = static_cast<CDBConn*>(conn);
-  WriteFlag(self->m_bExecThreadRunning, 1);
-  if (self->m_pfnExecThread != nullptr) self->m_pfnExecThread(self->m_pExecThreadArg);
-  WriteFlag(self->m_bExecThreadRunning, 0);
-  return nullptr;
-}
+void* CDBConn::ExecThreadFun(void* conn) { return RunWorkerThread(conn, kExecWorker); }
 
-long long CDBConn::StartMaintenanceThread() {
-  PrepareWorkerAttributes();
-  WriteFlag(m_bMaintainThreadStop, 0);
-  return 0;
-}
+long long CDBConn::StartMaintenanceThread() { return StartWorker(this, kMaintenanceWorker); }
 
 long long CDBConn::StopMaintenanceThread() { return StopWorker(this, kMaintenanceWorker); }
 
 void* CDBConn::MaintenanceThreadFun(void* conn) {
-  SetUpWorkerThread("db_maintain_%d", &g_maintainThreadIndex);
-  if (conn == nullptr) return nullptr;
-  auto* self = static_cast<CDBConn*>(conn);
-  WriteFlag(self->m_bMaintainThreadRunning, 1);
-  while (ReadFlag(self->m_bMaintainThreadStop) == 0) {
-    DB_REPAIR_ITEM item;
-    ZeroFill(&item, kModule);
-    if (self->WaitMaintainDBCmd(item) != 0) {
-      self->BackUpDB();
-      continue;
-    }
-    if (item.enCmdType == DB_REPAIR_CMD_WAKE) continue;
-    if (item.enCmdType == DB_REPAIR_CMD_EXIT) break;
-    self->PauseConnection();
-    if (item.enCmdType == DB_REPAIR_CMD_REPAIR) {
-      self->RepairDB();
-    } else if (item.enCmdType == DB_REPAIR_CMD_RESTORE) {
-      self->RestoreDB();
-    }
-    self->ResumeConnection();
-  }
-  WriteFlag(self->m_bMaintainThreadRunning, 0);
-  return nullptr;
+  return RunWorkerThread(conn, kMaintenanceWorker);
 }
 
 long long CDBConn::NotifyMaintainDBCmd(const DB_REPAIR_ITEM& item) {

@@ -5,10 +5,22 @@
 #include "base/Log.h"
 
 namespace {
-constexpr const char* kModule = ipc_db::detail::kLogModuleStorageMutex;
-}  // namespace
 
+constexpr const char* kModule = ipc_db::detail::kLogModuleStorageMutex;
 using ipc_db::detail::kLogError;
+
+// Runs the pthread call `call` on the mutex of `mutex`: -1 without a log
+// before Init, -1 with "RECORD: <name> failed" when the call fails, else 0.
+long long CallInitialised(CSMutex* mutex, int (*call)(pthread_mutex_t*), const char* name) {
+  if (mutex->m_bInit == 0) return -1;
+  if (call(&mutex->m_mutex) != 0) {
+    RECORD_LOG(kModule, kLogError, "%s failed", name);
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
 
 CSMutex::CSMutex() : m_mutex(), m_bInit(0) {}
 
@@ -27,19 +39,9 @@ long long CSMutex::Init() {
 }
 
 long long CSMutex::Lock() {
-  if (m_bInit == 0) return -1;
-  if (pthread_mutex_lock(&m_mutex) != 0) {
-    RECORD_LOG(kModule, kLogError, "pthread_mutex_lock failed");
-    return -1;
-  }
-  return 0;
+  return CallInitialised(this, &pthread_mutex_lock, "pthread_mutex_lock");
 }
 
 long long CSMutex::Unlock() {
-  if (m_bInit == 0) return -1;
-  if (pthread_mutex_unlock(&m_mutex) != 0) {
-    RECORD_LOG(kModule, kLogError, "pthread_mutex_unlock failed");
-    return -1;
-  }
-  return 0;
+  return CallInitialised(this, &pthread_mutex_unlock, "pthread_mutex_unlock");
 }
