@@ -130,6 +130,13 @@ class IPC_DB_API CDBConn {
   long long RecordDirAccess(const char* path);
 
   // ---- Data, in layout order ----
+  //
+  // m_enDBStatus and the six worker flags (m_bExecThread*,
+  // m_bMaintainThread*) are read and written on different threads. They
+  // stay `int` for the layout applications compile against; the library
+  // reads and writes them only with the compiler's __atomic builtins
+  // (sequentially consistent), never as a plain access. Code outside the
+  // library that reads them while a worker runs should do the same.
   int m_iReserved;                       // unused by this layer; kept 0
   int m_enDBStatus;                      // 1 open, 0 otherwise
   std::string m_strInstallPath;          // directory of the files, ends in "/"

@@ -92,7 +92,9 @@ class IPC_DB_API CSqliteDBConn : public CDBConn {
   std::deque<SQLITE_DB_EXEC_QUEUE_ITEM> m_dqExecItems;
   pthread_mutex_t m_mutexExec;
   pthread_cond_t m_condExec;
-  int m_bPaused;                  // 1 between pause and a successful resume
+  // 1 between pause and a successful resume; like the worker flags of
+  // CDBConn, read and written by the library only with __atomic builtins.
+  int m_bPaused;
   int m_bInTransaction;           // worker batch open
   unsigned long long m_ullExecCount;
   unsigned long long m_ullWaitTimeOutCount;
