@@ -26,6 +26,7 @@ using ipc_db::detail::CurrentEnv;
 using ipc_db::detail::kLogError;
 using ipc_db::detail::QueueSettings;
 using ipc_db::detail::ReadFlag;
+using ipc_db::detail::TakeNext;
 using ipc_db::detail::WriteFlag;
 using ipc_db::detail::ZeroFill;
 
@@ -37,8 +38,9 @@ constexpr time_t kMaintainWaitSeconds = 120;
 constexpr size_t kThreadNameSize = 32;
 constexpr unsigned int kInstallDirMode = 0777;
 
-// Numbers the worker threads over the life of the process. Incremented
-// without a lock, as thread starts are expected from one place at a time.
+// Numbers the worker threads over the life of the process. Taken without a
+// lock, as one atomic step (TakeNext), since worker threads may start at
+// once.
 int g_execThreadIndex = 0;
 int g_maintainThreadIndex = 0;
 
@@ -56,7 +58,7 @@ void PrepareWorkerAttributes() {
 // makes it asynchronously cancellable and detaches it.
 void SetUpWorkerThread(const char* pattern, int* counter) {
   char name[kThreadNameSize] = {0};
-  int index = (*counter)++;
+  int index = TakeNext(*counter);
   int written = snprintf_s(name, kThreadNameSize, kThreadNameSize - 1, pattern, index);
   if (written < 1) {
     RECORD_LOG(kModule, kLogError, "snprintf fail! error code is %d\n", written);

@@ -1,9 +1,10 @@
 // Reading and writing the connection's flags that more than one thread
 // touches: the started, stop and running flags of both workers
-// (m_bExecThread*, m_bMaintainThread*), m_bPaused and m_enDBStatus. A
-// worker runs on a thread of the application's while another thread stops
-// it, and the maintenance worker pauses and resumes the connection under
-// the application's calls.
+// (m_bExecThread*, m_bMaintainThread*), m_bPaused and m_enDBStatus, and the
+// process-wide counters that number the worker threads. A worker runs on a
+// thread of the application's while another thread stops it, and the
+// maintenance worker pauses and resumes the connection under the
+// application's calls.
 //
 // These are public `int` members of CDBConn and CSqliteDBConn, in a layout
 // that applications compile against, so they cannot become std::atomic<int>
@@ -23,6 +24,10 @@ inline int ReadFlag(const int& flag) { return __atomic_load_n(&flag, __ATOMIC_SE
 inline void WriteFlag(int& flag, int value) {
   __atomic_store_n(&flag, value, __ATOMIC_SEQ_CST);
 }
+
+// Returns `counter` and adds one, as one indivisible step: the worker
+// threads' name numbers, taken by threads that may start at once.
+inline int TakeNext(int& counter) { return __atomic_fetch_add(&counter, 1, __ATOMIC_SEQ_CST); }
 
 }  // namespace ipc_db::detail
 
