@@ -87,8 +87,9 @@ class BoundedQueue {
   }
 
  private:
-  // One wait on the condition, up to settings.waitSeconds; releases the
-  // mutex while it waits. pthread_cond_timedwait's result.
+  // One wait on the condition, up to settings.waitSeconds on the
+  // environment's clock; releases the mutex while it waits. 0 when woken,
+  // ETIMEDOUT at the deadline (the environment's WaitForSignal).
   int WaitOnce() REQUIRES(mutex_) {
     return CurrentEnv().WaitForSignal(ready_, mutex_.native(),
                                       DeadlineAfter(settings_.waitSeconds));
