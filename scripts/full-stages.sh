@@ -110,6 +110,18 @@ tsan_stage() {
   return "$rc"
 }
 
+# clang's thread-safety analysis over the library's sources: build/thread-safety
+# (clang-14, -Wthread-safety -Werror on the library alone); a lock rule
+# broken in the code fails the build.
+thread_safety_stage() {
+  { cmake --preset thread-safety && cmake --build --preset thread-safety -j "$jobs"; } \
+    >"$logs/thread-safety.log" 2>&1
+  local rc=$?
+  grep -E 'warning:|error:' "$logs/thread-safety.log"
+  echo "thread-safety build: exit status $rc (log: $logs/thread-safety.log)"
+  return "$rc"
+}
+
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer.
 asan_build() {
   { cmake --preset asan && cmake --build --preset asan -j "$jobs"; } \

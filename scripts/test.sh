@@ -103,6 +103,7 @@ stage "device faults at full scale, 4.6.1" faults_stage sqlcipher4
 stage "valgrind memcheck" valgrind_stage
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
+stage "clang thread-safety analysis (build/thread-safety)" thread_safety_stage
 stage "device costs, quick, 3.4.1" costs_stage "$build"
 stage "device costs, quick, 4.6.1" costs_stage build/sqlcipher4
 stage "ASan+UBSan build (build/asan)" asan_build

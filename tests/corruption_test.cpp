@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ReliabilityTestSupport.h"
+#include "TestEnv.h"
 #include "TestSupport.h"
 
 using ipc_db_test::Event;
@@ -26,11 +27,11 @@ using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
 using ipc_db_test::ReadFileBytes;
-using ipc_db_test::RepairToolIsTestWrapper;
 using ipc_db_test::JsonObject;
 using ipc_db_test::ResultName;
 using ipc_db_test::WriteResultJson;
 using ipc_db_test::TempDir;
+using ipc_db_test::TestEnv;
 
 namespace {
 
@@ -143,8 +144,6 @@ struct Outcome {
 class CorruptionTest : public testing::TestWithParam<std::tuple<Damage, bool>> {
  protected:
   void SetUp() override {
-    if (!RepairToolIsTestWrapper())
-      GTEST_SKIP() << "the repair tool is not the test wrapper";
     damage_ = std::get<0>(GetParam());
     keyed_ = std::get<1>(GetParam());
     key_ = keyed_ ? MakeKey('c') : "";
@@ -209,6 +208,7 @@ class CorruptionTest : public testing::TestWithParam<std::tuple<Damage, bool>> {
     WriteResultJson("corruption", ResultName(file + "-" + NameOf(damage_)), json.Text());
   }
 
+  TestEnv env_;  // RepairDB reaches the repair tool's stand-in
   TempDir dir_;
   EventSchema schema_;
   Damage damage_ = Damage::kTableByte;

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
@@ -18,6 +17,7 @@
 #include "DBCommon.h"
 #include "DBConn.h"
 #include "SQLiteDBConn.h"
+#include "TestEnv.h"
 #include "TestSupport.h"
 
 using namespace ipc_db_test;
@@ -29,6 +29,8 @@ class ConnTest : public ::testing::Test {
   std::string File() const { return dir_.Path() + "t.db"; }
   std::string Journal() const { return dir_.Path() + "t.db-journal"; }
 
+  // The pause's settling sleep passes on a fake clock and is recorded.
+  TestEnv env_{Clock::kFake};
   TempDir dir_;
   std::unique_ptr<CSqliteDBConn> conn_ = MakeConn(dir_.Path());
 };
@@ -472,9 +474,9 @@ TEST_F(ConnTest, PauseAndResumeLifecycle) {
   ASSERT_EQ(Exec(conn_->m_pSqliteDB, "create table t(v); insert into t values('kept');"), 0);
 
   LogCapture log;
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn_->PauseConnection(), 0);
-  EXPECT_GE(MillisecondsSince(start), 1990);  // settles for 2 s after closing
+  // Settles for 2 s after closing.
+  EXPECT_EQ(env_.Sleeps(), std::vector<unsigned long long>{2000});
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: Pause DB:" + File());
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile,
                    "RECORD: close DB:" + File() + " success");
@@ -523,10 +525,8 @@ TEST_F(ConnTest, FailedPauseKeepsTheHandleAndStaysPaused) {
   sqlite3_stmt* stmt = nullptr;
   ASSERT_EQ(sqlite3_prepare_v2(handle, "select 1;", -1, &stmt, nullptr), SQLITE_OK);
   LogCapture log;
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(conn_->PauseConnection(), DB_ERR_CLOSE);
-  // No settling sleep: that alone would take 2 s.
-  EXPECT_LT(MillisecondsSince(start), 1990);
+  EXPECT_TRUE(env_.Sleeps().empty());  // no settling sleep
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: Pause DB:" + File());
   ExpectLoggedOnce(log, kLevelError, kSqliteConnFile, "RECORD: sqlite3_close failed:5");
   EXPECT_EQ(conn_->m_bPaused, 1);

@@ -1,8 +1,11 @@
 // Tests of the execution worker body running on threads that the tests
 // start themselves (the library never starts one): thread names, batching
 // of queued statements into transactions of 32, commit items, failed
-// statements inside a batch, and the stop handshake from StopExecThread and
-// CloseConnection. Changes are observed from a second handle on the file.
+// statements inside a batch, the idle commit after three quiet 5 s waits,
+// and the stop handshake from StopExecThread, PauseConnection and
+// CloseConnection, also when the worker never answers it. Changes are
+// observed from a second handle on the file. Waits of seconds run on the
+// test environment's fake clock (TestEnv.h), moved by the tests.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,6 +17,7 @@
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
+#include "TestEnv.h"
 #include "TestSupport.h"
 #include "WaitBounds.h"
 
@@ -140,8 +144,17 @@ TEST_F(ExecWorkerTest, EntryWithoutBodyOnlyMarksItselfRunning) {
 }
 
 TEST_F(ExecWorkerTest, PauseStopsTheWorker) {
+  TestEnv env(Clock::kFake, kLiveWorkerSleepCapMs);
   StartWorker();
   EXPECT_EQ(conn_->PauseConnection(), 0);
+  // The handshake's 100 ms sleeps while the worker leaves, then the pause's
+  // 2 s.
+  std::vector<unsigned long long> sleeps = env.Sleeps();
+  ASSERT_FALSE(sleeps.empty());
+  EXPECT_EQ(sleeps.back(), 2000u);
+  sleeps.pop_back();
+  EXPECT_EQ(sleeps, std::vector<unsigned long long>(sleeps.size(), 100));
+  EXPECT_EQ(log_.Count("RECORD: ExecThread time out!"), 0u);
   EXPECT_EQ(LoadFlag(conn_->m_bExecThreadRunning), 0);
   EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
   ASSERT_TRUE(WaitFor([&] { return log_.Count(kThreadEnd) == 1; }, kConditionWaitMs));
@@ -289,4 +302,93 @@ TEST_F(ExecWorkerTest, WakeUpWithoutAnItemCountsAsATimeOut) {
       << log_.Dump();
   StopWorker();
   EXPECT_EQ(CountFromOutside(), "1");
+}
+
+TEST_F(ExecWorkerTest, ThirtyOneStatementsWaitForTheThirdQuietPeriod) {
+  TestEnv env(Clock::kFake, kLiveWorkerSleepCapMs);
+  StartWorker();
+  QueueInserts(1, 31);
+  ASSERT_TRUE(WaitExecuted(31)) << log_.Dump();
+  EXPECT_EQ(CountFromOutside(), "0");
+
+  // Two quiet periods of 5 s pass without a commit. Once the worker is back
+  // in its next wait, it has dealt with the time-out, and its counters are
+  // stable to read.
+  TestEnv::WaitState next;
+  for (unsigned long long quiet = 1; quiet <= 2; ++quiet) {
+    ASSERT_EQ(env.AdvanceToDeadline(kConditionWaitMs), 5000) << "quiet period " << quiet;
+    ASSERT_TRUE(env.AwaitBlockedWait(&next, kConditionWaitMs));
+    EXPECT_EQ(conn_->m_ullWaitTimeOutCount, quiet);
+    EXPECT_EQ(log_.Count("RECORD: execSQL: commit success"), 0u);
+    EXPECT_EQ(CountFromOutside(), "0");
+  }
+  // The third ends 15 s after the last statement and commits the batch.
+  ASSERT_EQ(env.AdvanceToDeadline(kConditionWaitMs), 5000);
+  ASSERT_TRUE(env.AwaitBlockedWait(&next, kConditionWaitMs));
+  EXPECT_EQ(log_.Count("RECORD: execSQL: commit success"), 1u);
+  EXPECT_EQ(env.ElapsedMs(), 15000);
+  EXPECT_EQ(CountFromOutside(), "31");
+  EXPECT_EQ(conn_->m_ullWaitTimeOutCount, 3u);
+  EXPECT_EQ(conn_->m_bInTransaction, 0);
+  EXPECT_EQ(conn_->m_ullExecCount, 0u);
+  StopWorker();
+  // Taking the stop item cleared the count of quiet waits.
+  EXPECT_EQ(conn_->m_ullWaitTimeOutCount, 0u);
+}
+
+TEST_F(ExecWorkerTest, WaitOnAnEmptyQueueTimesOutAfterFiveSeconds) {
+  TestEnv env(Clock::kFake);
+  SQLITE_DB_EXEC_QUEUE_ITEM item;
+  item.enCmdType = 9;
+  std::atomic<long long> result{1};
+  std::thread waiter([&] { result = conn_->WaitSqlExecCmd(item); });
+  TestEnv::WaitState wait;
+  bool blocked = env.AwaitBlockedWait(&wait, kConditionWaitMs);
+  EXPECT_TRUE(blocked);
+  EXPECT_EQ(wait.remainingMs, 5000);
+  // A millisecond short of the deadline, the wait goes on.
+  env.Advance(4999);
+  EXPECT_FALSE(env.WaitEnded(wait));
+  EXPECT_EQ(result.load(), 1);
+  env.Advance(1);
+  EXPECT_TRUE(blocked && env.AwaitWaitEnd(wait, kConditionWaitMs));
+  waiter.join();
+  EXPECT_EQ(result.load(), DB_ERR_WAIT_TIMEOUT);
+  EXPECT_EQ(env.ElapsedMs(), 5000);
+  EXPECT_EQ(item.enCmdType, 9);  // untouched
+  // The queue mutex was released.
+  EXPECT_EQ(pthread_mutex_trylock(&conn_->m_mutexExec), 0);
+  pthread_mutex_unlock(&conn_->m_mutexExec);
+}
+
+TEST_F(ExecWorkerTest, StopGivesUpAfterFiftyOneSleeps) {
+  TestEnv env(Clock::kFake);
+  // A worker that claims to run but never takes its stop item.
+  conn_->m_bExecThreadStarted = 1;
+  conn_->m_bExecThreadRunning = 1;
+  EXPECT_EQ(conn_->StopExecThread(), 0);
+  EXPECT_EQ(env.Sleeps(), std::vector<unsigned long long>(51, 100));
+  EXPECT_EQ(env.ElapsedMs(), 5100);
+  ExpectLoggedOnce(log_, kLevelError, kConnFile, "RECORD: ExecThread time out!");
+  EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
+  EXPECT_EQ(conn_->m_bExecThreadStop, 1);
+  auto items = ExecItems(conn_.get());
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(items[0].enCmdType, SQLITE_EXEC_CMD_STOP);
+  conn_->m_bExecThreadRunning = 0;
+}
+
+TEST_F(ExecWorkerTest, StopLooksOnceMoreAfterTheLastSleep) {
+  TestEnv env(Clock::kFake);
+  // A worker that leaves during the 51st sleep: the handshake's look after
+  // that sleep sees it gone, so there is no time-out.
+  conn_->m_bExecThreadStarted = 1;
+  conn_->m_bExecThreadRunning = 1;
+  env.OnSleep([this](size_t count) {
+    if (count == 51) __atomic_store_n(&conn_->m_bExecThreadRunning, 0, __ATOMIC_SEQ_CST);
+  });
+  EXPECT_EQ(conn_->StopExecThread(), 0);
+  EXPECT_EQ(env.Sleeps().size(), 51u);
+  EXPECT_EQ(log_.Count("RECORD: ExecThread time out!"), 0u) << log_.Dump();
+  EXPECT_EQ(conn_->m_bExecThreadStarted, 0);
 }

@@ -1,8 +1,11 @@
 // Tests of maintenance: how failed statements (real SQLite failures on
 // damaged, locked or read-only databases) become queued repair, restore or
 // reconnect requests; the two-item queue; repair through the command-line
-// tool on plain and encrypted files; the empty back-up and restore; and the
-// maintenance worker body on threads that the tests start themselves.
+// tool on plain and encrypted files; the empty back-up and restore; the
+// maintenance worker body on threads that the tests start themselves; and
+// its stop handshake, also when the worker never answers. The repair tool is
+// the build tree's stand-in and the long waits run on a fake clock, both
+// from the test environment (TestEnv.h).
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -16,6 +19,7 @@
 
 #include "ConnTestSupport.h"
 #include "SQLiteDBConn.h"
+#include "TestEnv.h"
 #include "TestSupport.h"
 #include "WaitBounds.h"
 
@@ -90,6 +94,9 @@ class MaintenanceTest : public ::testing::Test {
     db_ = conn_->m_pSqliteDB;
   }
 
+  // RepairDB reaches the repair tool's stand-in; the pause's 2 s and the
+  // queue's 120 s pass only when a test moves the clock.
+  TestEnv env_{Clock::kFake};
   TempDir dir_;
   std::unique_ptr<CSqliteDBConn> conn_ = MakeConn(dir_.Path());
   sqlite3* db_ = nullptr;
@@ -309,6 +316,39 @@ TEST_F(MaintenanceTest, StartMaintenanceThreadCreatesNoThread) {
   EXPECT_EQ(ThreadCount(), threads);
 }
 
+TEST_F(MaintenanceTest, StopGivesUpAfterFiftyOneSleeps) {
+  // A worker that claims to run but never takes its wake item.
+  conn_->m_bMaintainThreadStarted = 1;
+  conn_->m_bMaintainThreadRunning = 1;
+  LogCapture log;
+  EXPECT_EQ(conn_->StopMaintenanceThread(), 0);
+  EXPECT_EQ(env_.Sleeps(), std::vector<unsigned long long>(51, 100));
+  EXPECT_EQ(env_.ElapsedMs(), 5100);
+  ExpectLoggedOnce(log, kLevelError, kConnFile, "RECORD: MaintenanceThread stop time out!");
+  EXPECT_EQ(log.Entries().size(), 1u) << log.Dump();
+  EXPECT_EQ(conn_->m_bMaintainThreadStarted, 0);
+  EXPECT_EQ(conn_->m_bMaintainThreadStop, 1);
+  auto items = RepairItems(conn_.get());
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(items[0].enCmdType, DB_REPAIR_CMD_WAKE);
+  conn_->m_bMaintainThreadRunning = 0;
+}
+
+TEST_F(MaintenanceTest, StopDoesNotLookAgainAfterTheLastSleep) {
+  // A worker that leaves during the 51st sleep: this handshake, unlike the
+  // execution worker's, logs the time-out without a look after that sleep.
+  conn_->m_bMaintainThreadStarted = 1;
+  conn_->m_bMaintainThreadRunning = 1;
+  env_.OnSleep([this](size_t count) {
+    if (count == 51) __atomic_store_n(&conn_->m_bMaintainThreadRunning, 0, __ATOMIC_SEQ_CST);
+  });
+  LogCapture log;
+  EXPECT_EQ(conn_->StopMaintenanceThread(), 0);
+  EXPECT_EQ(env_.Sleeps().size(), 51u);
+  ExpectLoggedOnce(log, kLevelError, kConnFile, "RECORD: MaintenanceThread stop time out!");
+  EXPECT_EQ(conn_->m_bMaintainThreadStarted, 0);
+}
+
 TEST_F(MaintenanceTest, StopOfANeverStartedMaintenanceWorkerReturnsAtOnce) {
   LogCapture log;
   auto start = std::chrono::steady_clock::now();
@@ -350,7 +390,6 @@ TEST_F(MaintenanceTest, BackUpAndRestoreChangeNothing) {
 // ---- Repair through the command-line tool ----
 
 TEST_F(MaintenanceTest, RepairRebuildsAPlainDatabase) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   {
     SecondHandle db(File());
     ASSERT_EQ(Exec(db.get(),
@@ -366,8 +405,11 @@ TEST_F(MaintenanceTest, RepairRebuildsAPlainDatabase) {
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB: " + File() + " begin");
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile,
                    "RECORD: repair DB command: " + RepairCommand());
+  // The library names the device's tool; the test environment's shell ran
+  // the stand-in in its place, and ExecShell logs what it ran.
   ExpectLoggedOnce(log, kLevelInfo, kCommonFile,
-                   "RECORD: Begin ExecShell:" + RepairCommand() + ".");
+                   "RECORD: Begin ExecShell:" + ToolCommand(RepairCommand()) + ".");
+  EXPECT_EQ(env_.ShellCommands(), std::vector<std::string>{ToolCommand(RepairCommand())});
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB: " + File() + " end");
   EXPECT_EQ(log.CountAtLevel(kLevelError), 0u) << log.Dump();
   EXPECT_FALSE(FileExists(File() + ".new"));
@@ -384,7 +426,6 @@ TEST_F(MaintenanceTest, RepairRebuildsAPlainDatabase) {
 }
 
 TEST_F(MaintenanceTest, RepairLeavesTheJournalAlone) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   CreateDatabase(File(), 2);
   conn_->SetDBJournal("side.journal");
   std::string journal = dir_.Path() + "side.journal";
@@ -394,7 +435,6 @@ TEST_F(MaintenanceTest, RepairLeavesTheJournalAlone) {
 }
 
 TEST_F(MaintenanceTest, RepairWithTheToolMissingLeavesTheDatabaseUntouched) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   CreateDatabase(File(), 4);
   std::string bytes = ReadFileBytes(File());
   ino_t inode = InodeOf(File());
@@ -411,7 +451,6 @@ TEST_F(MaintenanceTest, RepairWithTheToolMissingLeavesTheDatabaseUntouched) {
 }
 
 TEST_F(MaintenanceTest, RepairWithAFailingToolLeavesTheDatabaseUntouched) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   CreateDatabase(File(), 4);
   std::string bytes = ReadFileBytes(File());
   ToolMode failing("fail");
@@ -422,7 +461,6 @@ TEST_F(MaintenanceTest, RepairWithAFailingToolLeavesTheDatabaseUntouched) {
 }
 
 TEST_F(MaintenanceTest, RepairCommandLongerThanItsBufferIsCutAndRun) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   // Choose the directory names so that the 255 characters of the command end
   // 50 characters into the second directory name: the cut command then
   // dumps a file that does not exist and never writes the ".new" file.
@@ -446,7 +484,8 @@ TEST_F(MaintenanceTest, RepairCommandLongerThanItsBufferIsCutAndRun) {
   EXPECT_EQ(conn->RepairDB(), -1);
   ExpectLoggedOnce(log, kLevelError, kSqliteConnFile, "RECORD: snprintf fail! error code is -1\n");
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB command: " + cut);
-  ExpectLoggedOnce(log, kLevelDebug, kCommonFile, "RECORD: End ExecShell:" + cut + ".");
+  ExpectLoggedOnce(log, kLevelDebug, kCommonFile,
+                   "RECORD: End ExecShell:" + ToolCommand(cut) + ".");
   ExpectLoggedOnce(log, kLevelWarn, kCommonFile,
                    "RECORD: open " + newFile + " in read only failed on 2");
   ExpectLoggedOnce(log, kLevelError, kSqliteConnFile,
@@ -456,7 +495,6 @@ TEST_F(MaintenanceTest, RepairCommandLongerThanItsBufferIsCutAndRun) {
 }
 
 TEST_F(MaintenanceTest, RepairThatCannotDeleteTheOldFileLeavesTheNewOne) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   // The database name is a directory: the tool dumps nothing, the loader
   // leaves the existing ".new" file alone, and unlink refuses a directory.
   ASSERT_EQ(mkdir(File().c_str(), 0755), 0);
@@ -473,7 +511,6 @@ TEST_F(MaintenanceTest, RepairThatCannotDeleteTheOldFileLeavesTheNewOne) {
 }
 
 TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseEmptiesIt) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   std::string key = MakeKey('e');
   SetKey(conn_.get(), key);
   Open();
@@ -503,7 +540,6 @@ TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseEmptiesIt) {
 }
 
 TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseBetweenPauseAndResumeLeavesItPlain) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
   std::string key = MakeKey('p');
   SetKey(conn_.get(), key);
   Open();
@@ -511,6 +547,7 @@ TEST_F(MaintenanceTest, RepairOfAnEncryptedDatabaseBetweenPauseAndResumeLeavesIt
   // The worker's sequence: pause, repair, resume. Resume does not key the
   // handle, so after the repair emptied the file, new data is written plain.
   ASSERT_EQ(conn_->PauseConnection(), 0);
+  EXPECT_EQ(env_.Sleeps(), std::vector<unsigned long long>{2000});  // the pause settles
   ASSERT_EQ(conn_->RepairDB(), 0);
   ASSERT_EQ(conn_->ResumeConnection(), 0);
   EXPECT_EQ(conn_->WhetherTableExist("t"), 0);
@@ -638,6 +675,27 @@ TEST(MaintenanceWorker, QuietWaitCallsBackUp) {
   EXPECT_EQ(conn.StopMaintenanceThread(), 0);
 }
 
+TEST(MaintenanceWorker, TwoQuietMinutesCallBackUp) {
+  TestEnv env(Clock::kFake, kLiveWorkerSleepCapMs);
+  RecordingConn conn;
+  ASSERT_TRUE(StartMaintenanceWorker(&conn));
+  ++g_maintainThreadsEntered;
+  TestEnv::WaitState wait;
+  ASSERT_TRUE(env.AwaitBlockedWait(&wait, kConditionWaitMs));
+  EXPECT_EQ(wait.remainingMs, 120000);
+  // A millisecond short of the deadline, the wait goes on.
+  env.Advance(119999);
+  EXPECT_FALSE(env.WaitEnded(wait));
+  EXPECT_TRUE(conn.Calls().empty());
+  // At the deadline it ends without a request: the worker calls BackUpDB.
+  env.Advance(1);
+  ASSERT_TRUE(env.AwaitWaitEnd(wait, kConditionWaitMs));
+  ASSERT_TRUE(WaitFor([&] { return !conn.Calls().empty(); }, kConditionWaitMs));
+  EXPECT_EQ(conn.Calls(), std::vector<std::string>{"backup"});
+  EXPECT_EQ(env.ElapsedMs(), 120000);
+  EXPECT_EQ(conn.StopMaintenanceThread(), 0);
+}
+
 TEST(MaintenanceWorker, StopHandshakeEndsARunningWorker) {
   RecordingConn conn;
   ASSERT_TRUE(StartMaintenanceWorker(&conn));
@@ -668,7 +726,7 @@ TEST(MaintenanceWorker, ThreadNamesCountUpOverTheProcess) {
 }
 
 TEST(MaintenanceWorker, RepairsARealCorruptionEndToEnd) {
-  if (!RepairToolIsTestWrapper()) GTEST_SKIP() << "repair tool is not the test wrapper";
+  TestEnv env(Clock::kFake, kLiveWorkerSleepCapMs);
   TempDir dir;
   std::string file = dir.Path() + "t.db";
   CreateDatabase(file, 300);
@@ -690,7 +748,7 @@ TEST(MaintenanceWorker, RepairsARealCorruptionEndToEnd) {
   LogCapture log;
   ASSERT_TRUE(StartMaintenanceWorker(conn.get()));
   ++g_maintainThreadsEntered;
-  // Pause (2 s), repair with the tool, resume.
+  // Pause (2 s on the fake clock), repair with the tool, resume.
   ASSERT_TRUE(
       WaitFor([&] { return log.Count("RECORD: open DB:" + file + " success") == 1; },
               kConditionWaitMs))
@@ -700,6 +758,9 @@ TEST(MaintenanceWorker, RepairsARealCorruptionEndToEnd) {
   EXPECT_EQ(conn->StopMaintenanceThread(), 0);
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: Pause DB:" + file);
   ExpectLoggedOnce(log, kLevelInfo, kSqliteConnFile, "RECORD: repair DB: " + file + " end");
+  std::vector<unsigned long long> sleeps = env.Sleeps();
+  ASSERT_FALSE(sleeps.empty());
+  EXPECT_EQ(sleeps.front(), 2000u);  // the pause settled before the repair
   EXPECT_EQ(conn->m_bPaused, 0);
   // The index was rebuilt from the table's rows.
   EXPECT_EQ(conn->GetCountOfSQLResult(lookup), 1);

@@ -16,6 +16,7 @@
 #include "DBCommon.h"
 #include "LogKeyGuard.h"
 #include "ReliabilityTestSupport.h"
+#include "TestEnv.h"
 #include "TestSupport.h"
 #include "zb_log.h"
 
@@ -29,7 +30,7 @@ using ipc_db_test::MakeBatch;
 using ipc_db_test::MakeEvent;
 using ipc_db_test::MakeKey;
 using ipc_db_test::OpenEventDb;
-using ipc_db_test::RepairToolIsTestWrapper;
+using ipc_db_test::TestEnv;
 using ipc_db_test::JsonObject;
 using ipc_db_test::WriteResultJson;
 using ipc_db_test::SecretsKnown;
@@ -157,8 +158,7 @@ TEST(DirectoryPermissions, MissingParentIsNotCreated) {
 // The repair tool writes the new file with its own default permissions;
 // the file keeps them until the next open narrows them to 0640.
 TEST(FilePermissions, RepairedFileIs0640OnlyAfterTheNextOpen) {
-  if (!RepairToolIsTestWrapper())
-    GTEST_SKIP() << "the repair tool is not the test wrapper";
+  TestEnv env;  // RepairDB reaches the repair tool's stand-in
   ScopedUmask scoped(022);
   TempDir dir;
   EventSchema schema;

@@ -38,14 +38,21 @@ class IPC_DB_API CDBConn {
   CDBConn& operator=(const CDBConn&) = delete;
 
   // ---- Virtual operations, in slot order ----
+  //
+  // OpenConnection, CloseConnection and ReEncryptDB take m_mutexConn, which
+  // is not recursive: they must not be called with it held (checked by
+  // clang's thread-safety analysis, see StorageMutex.h).
 
   // Opens (and creates) the database file. Results: 0, DB_ERR_CONN_EXIST,
   // DB_ERR_OPEN, DB_ERR_ENCRYPT or CheckInstallPath's code.
-  virtual long long OpenConnection() = 0;
+  virtual long long OpenConnection()
+      IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn)) = 0;
   // Closes the database. Results: 0, DB_ERR_CONN_NOT_EXIST, DB_ERR_CLOSE.
-  virtual long long CloseConnection() = 0;
+  virtual long long CloseConnection()
+      IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn)) = 0;
   // Changes the key of an open database. The base does nothing, returns 0.
-  virtual long long ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen);
+  virtual long long ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen)
+      IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn));
   // Sets the database file to m_strInstallPath + name. REQUIRES:
   // m_strInstallPath assigned first (and ending in "/").
   virtual void SetDBFile(const std::string& strDBFile) = 0;
@@ -123,6 +130,13 @@ class IPC_DB_API CDBConn {
   long long RecordDirAccess(const char* path);
 
   // ---- Data, in layout order ----
+  //
+  // m_enDBStatus and the six worker flags (m_bExecThread*,
+  // m_bMaintainThread*) are read and written on different threads. They
+  // stay `int` for the layout applications compile against; the library
+  // reads and writes them only with the compiler's __atomic builtins
+  // (sequentially consistent), never as a plain access. Code outside the
+  // library that reads them while a worker runs should do the same.
   int m_iReserved;                       // unused by this layer; kept 0
   int m_enDBStatus;                      // 1 open, 0 otherwise
   std::string m_strInstallPath;          // directory of the files, ends in "/"

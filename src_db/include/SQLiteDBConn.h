@@ -25,15 +25,16 @@ class IPC_DB_API CSqliteDBConn : public CDBConn {
   // execution queue with any items in it. Never throws.
   ~CSqliteDBConn() override;
 
-  long long OpenConnection() override;
-  long long CloseConnection() override;
+  long long OpenConnection() IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn)) override;
+  long long CloseConnection() IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn)) override;
   // Re-keys the open database with `uiKeyLen` bytes of `szEncryptKey` and
   // keeps the new key for the next open. Returns 0 or DB_ERR_ENCRYPT (also
   // when either key is empty, logged at information level). If the key copy
   // fails after a successful re-key, m_mutexConn stays locked. REQUIRES:
   // `szEncryptKey` not null (DB_ERR_ENCRYPT and "RECORD: szEncryptKey is
   // null" otherwise, before the lock).
-  long long ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) override;
+  long long ReEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen)
+      IPC_DB_LOCK_ATTRIBUTE(locks_excluded(m_mutexConn)) override;
   void SetDBFile(const std::string& strDBFile) override;
   void SetDBJournal(const std::string& strDBJournal) override;
   long long SetDBJournalAttr(DB_JOURNAL_TYPE enDbJournalType) override;
@@ -91,7 +92,9 @@ class IPC_DB_API CSqliteDBConn : public CDBConn {
   std::deque<SQLITE_DB_EXEC_QUEUE_ITEM> m_dqExecItems;
   pthread_mutex_t m_mutexExec;
   pthread_cond_t m_condExec;
-  int m_bPaused;                  // 1 between pause and a successful resume
+  // 1 between pause and a successful resume; like the worker flags of
+  // CDBConn, read and written by the library only with __atomic builtins.
+  int m_bPaused;
   int m_bInTransaction;           // worker batch open
   unsigned long long m_ullExecCount;
   unsigned long long m_ullWaitTimeOutCount;

@@ -9,9 +9,12 @@
 # and typeinfo of the exported classes, their private members (which the
 # reference cannot name; listed below) and weak instantiations of standard
 # library templates (libstdc++ declares namespace std with default
-# visibility, so the linker exports them; they are listed as a note).
-# Anything else it exports is a leak: a helper in ipc_db::detail or an
-# unnamed namespace, another free function, a class outside the API.
+# visibility, so the linker exports them; they are listed as a note), and
+# the test seam: what namespace ipc_db::testing declares (the connection
+# layer's environment, which tests swap at run time in the shipped library),
+# the one internal name allowed. Anything else it exports is a leak: a
+# helper in ipc_db::detail or an unnamed namespace, another free function,
+# a class outside the API.
 #
 # Usage:
 #   check_exports.sh --nm NM --reference OBJ (--lib LIB | --symbols FILE)
@@ -123,7 +126,8 @@ if [[ ! -s "$work/expected" ]]; then
 fi
 
 # Sorts every defined symbol into: api (expected), class-data (vtable or
-# typeinfo of an API class, private members of one), std-instance (weak
+# typeinfo of an API class, private members of one), test-seam (a name in
+# namespace ipc_db::testing, its vtable or typeinfo), std-instance (weak
 # standard-library template instance), linker (symbols that the linker or a
 # sanitizer's instrumentation adds) or leak; then reports expected symbols
 # that were not defined.
@@ -165,6 +169,9 @@ awk -v classes="${api_classes[*]}" -v expected_file="$work/expected" \
     }
     internal = (name ~ /ipc_db::detail|\(anonymous namespace\)/)
     qn = qualified_name(name)
+    if (!internal && index(qn, "ipc_db::testing::") == 1) {
+      print name > (out "/test-seam"); next
+    }
     if (!internal && type ~ /^[WVu]$/ && qn ~ /^(std|__gnu_cxx)::/) {
       print name > (out "/std-instance"); next
     }
@@ -185,7 +192,8 @@ echo "check_exports: $subject defines $(count "$work/defined") dynamic symbols;"
      "the public API names $(count "$work/expected")"
 echo "  exported API symbols found: $(count "$work/api")," \
      "vtables/typeinfo/private members of API classes: $(count "$work/class-data")," \
-     "weak standard-library instances: $(count "$work/std-instance")"
+     "weak standard-library instances: $(count "$work/std-instance")," \
+     "test seam (ipc_db::testing): $(count "$work/test-seam")"
 section "MISSING (declared by the public headers, not exported):" "$work/missing"
 section "LEAKED (exported, not part of the public API):" "$work/leak"
 section "note: weak standard-library template instances (allowed):" "$work/std-instance"

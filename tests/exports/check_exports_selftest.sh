@@ -2,10 +2,12 @@
 # Shows that check_exports.sh fails on the mistakes it is there to catch and
 # passes on a correct export list:
 #   - a correct list (the API, vtables/typeinfo of API classes, weak
-#     standard-library instances, linker symbols) passes;
+#     standard-library instances, linker symbols, the test seam in
+#     ipc_db::testing) passes;
 #   - the same list plus a helper in ipc_db::detail, a helper in an unnamed
-#     namespace, another free function, another class, or a weak standard
-#     library instance over an internal type, fails and names the intruder;
+#     namespace, another free function, another class, a weak standard
+#     library instance over an internal type, or a name that only resembles
+#     the test seam's namespace, fails and names the intruder;
 #   - the same list less one API function fails and names it as missing;
 #   - a real library built with an internal helper and a free function
 #     exported by mistake (leaky_fixture.cpp) fails and names exactly those
@@ -75,6 +77,8 @@ sed 's/^/T /' "$work/expected" >"$work/good"
 cat >>"$work/good" <<'EOF'
 V vtable for CDBConn
 V typeinfo name for CSqliteDBConn
+T ipc_db::testing::SetEnv(ipc_db::testing::Env*)
+V vtable for ipc_db::testing::Env
 W std::vector<Member*, std::allocator<Member*> >::~vector()
 W void std::deque<DB_REPAIR_ITEM, std::allocator<DB_REPAIR_ITEM> >::_M_push_back_aux<DB_REPAIR_ITEM const&>(DB_REPAIR_ITEM const&)
 T _init
@@ -106,6 +110,12 @@ leak_case "a weak std instance over an internal type fails" \
   "std::vector<ipc_db::detail::Column"
 leak_case "a global variable outside the API fails" \
   "B g_queueDepth" "g_queueDepth"
+leak_case "a namespace beside ipc_db::testing fails" \
+  "T ipc_db::testing_support::FakeClock()" "ipc_db::testing_support::FakeClock()"
+leak_case "a class of namespace ipc_db outside ipc_db::testing fails" \
+  "V vtable for ipc_db::Env" "vtable for ipc_db::Env"
+leak_case "an ipc_db::detail helper taking a test-seam type fails" \
+  "T ipc_db::detail::CurrentEnv(ipc_db::testing::Env*)" "ipc_db::detail::CurrentEnv"
 
 missing="$(grep -m1 '^Table::get_item_cnt' "$work/expected")"
 grep -vxF "T $missing" "$work/good" >"$work/doctored"

@@ -1,4 +1,4 @@
-// Keys and the repair tool's path, as the build configured them.
+// Keys, and the repair tool's path and its stand-in's, as the build configured them.
 #include "TestSupport.h"
 
 namespace ipc_db_test {
@@ -7,8 +7,6 @@ std::string MakeKey(char seed) { return std::string(64, seed); }
 
 const char* RepairToolPath() { return IPC_DB_TEST_REPAIR_TOOL; }
 
-bool RepairToolIsTestWrapper() {
-  return std::string(IPC_DB_TEST_REPAIR_TOOL) == IPC_DB_TEST_WRAPPER_PATH;
-}
+const char* RepairToolStandInPath() { return IPC_DB_TEST_WRAPPER_PATH; }
 
 }  // namespace ipc_db_test

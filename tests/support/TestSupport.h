@@ -1,6 +1,6 @@
 // The helpers nearly every test uses: log capture, SQL capture, temporary
 // directories, file and process helpers (each in its own header, included
-// here), keys, and where the repair tool under test lives.
+// here), keys, and where the repair tool and its stand-in live.
 #ifndef IPC_DB_TESTS_SUPPORT_TESTSUPPORT_H_
 #define IPC_DB_TESTS_SUPPORT_TESTSUPPORT_H_
 
@@ -21,10 +21,13 @@ inline void* IntSlot(long long value) {
 
 // A 64-character key made of `seed` repeated.
 std::string MakeKey(char seed);
-// Path of the repair tool compiled into the library under test.
+// Path of the repair tool compiled into the library: the device's,
+// IPC_DB_REPAIR_TOOL ("/usr/app/bin/sqlite3" unless the build says
+// otherwise). The tests' environment (TestEnv.h) runs the stand-in below
+// in its place.
 const char* RepairToolPath();
-// True when the library's repair tool is the build tree's test wrapper.
-bool RepairToolIsTestWrapper();
+// Path of the build tree's stand-in for the repair tool (tools/sqlite3).
+const char* RepairToolStandInPath();
 
 }  // namespace ipc_db_test
 

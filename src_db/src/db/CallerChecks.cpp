@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <string>
 
-#include "ConnHandle.h"
 #include "Db.h"
-#include "Log.h"
+#include "base/Log.h"
+#include "conn/Connection.h"
 #include "db/ColumnKind.h"
 #include "db/FieldText.h"
 

@@ -6,11 +6,13 @@
 
 #include <new>
 
-#include "Log.h"
-#include "OutOfMemory.h"
-#include "SQLiteDBConn.h"
+#include "base/Log.h"
+#include "base/OutOfMemory.h"
+#include "conn/Connection.h"
 
+using ipc_db::detail::ConnectionStatus;
 using ipc_db::detail::DbOutOfMemory;
+using ipc_db::detail::NewConnection;
 using ipc_db::detail::kLogError;
 
 namespace {
@@ -50,7 +52,7 @@ long long Db::Init(unsigned long long ullDBType, const std::string& strInstallPa
   if (static_cast<unsigned int>(ullDBType) != 0) return -1;
 
   // An earlier connection is not looked at: a second Init leaks it.
-  CSqliteDBConn* conn = new (std::nothrow) CSqliteDBConn();
+  CDBConn* conn = NewConnection();
   m_pDBConn = conn;
   if (conn == nullptr) {
     DB_LOG(kLogError, "New DBConn failed\n");
@@ -91,7 +93,7 @@ unsigned int Db::GetDBStatus() {
     LogNoConnection();
     return kDbStatusNoConnection;
   }
-  return static_cast<unsigned int>(m_pDBConn->m_enDBStatus);
+  return static_cast<unsigned int>(ConnectionStatus(m_pDBConn));
 }
 
 long long Db::reEncryptDB(const char* szEncryptKey, unsigned int uiKeyLen) try {

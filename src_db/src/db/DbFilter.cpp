@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "Log.h"
+#include "base/Log.h"
 #include "db/CallerChecks.h"
 #include "db/TermText.h"
 

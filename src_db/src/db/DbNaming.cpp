@@ -7,8 +7,8 @@
 #include <string>
 
 #include "Db.h"
-#include "Log.h"
 #include "Meta.h"
+#include "base/Log.h"
 #include "db/CallerChecks.h"
 #include "db/ColumnKind.h"
 #include "db/MemberDefaults.h"

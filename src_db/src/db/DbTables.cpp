@@ -8,14 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "DBConn.h"
 #include "Db.h"
-#include "Log.h"
 #include "Meta.h"
-#include "OutOfMemory.h"
-#include "SqliteOwners.h"
 #include "Table.h"
 #include "TableChange.h"
+#include "base/Log.h"
+#include "base/OutOfMemory.h"
+#include "conn/Connection.h"
 #include "db/CallerChecks.h"
 #include "db/SchemaText.h"
 #include "db/SqlRun.h"
@@ -150,8 +149,7 @@ long long Db::getTableSql(std::string& tableName, std::string& sql) try {
   if (m_pDBConn == nullptr) return kNoConnection;
   const std::string query = StoredCreateQuery(tableName);
   ScopedExecResult result(m_pDBConn);
-  const long long code =
-      m_pDBConn->ExecuteSQL(query.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  const long long code = result.Run(query.c_str());
   if (code != 0) {
     DB_LOG(kLogError, "Failed to get table result");
     return code;

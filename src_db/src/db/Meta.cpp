@@ -8,7 +8,7 @@
 #include <sstream>
 #include <utility>
 
-#include "Log.h"
+#include "base/Log.h"
 #include "db/MemberDefaults.h"
 
 using ipc_db::detail::kNoIndex;

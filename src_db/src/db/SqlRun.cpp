@@ -3,7 +3,6 @@
 // and the transaction statements around multi-record operations.
 #include "db/SqlRun.h"
 
-#include "ConnHandle.h"
 #include "Db.h"
 
 namespace ipc_db::detail {
@@ -57,7 +56,7 @@ long long RunBoundStatement(sqlite3* db, const std::string& sql,
 
 long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operation,
                       StatementLog log) {
-  long long result = conn->ExecuteSQL(sql.c_str(), nullptr, DB_EXEC_SQL_SYNC);
+  long long result = RunText(conn, sql.c_str());
   if (log == StatementLog::kTableOperation) {
     DB_LOG(kLogDebug, " Table::%s = %s\n", operation, sql.c_str());
   }
@@ -69,7 +68,7 @@ long long ExecuteText(CDBConn* conn, const std::string& sql, const char* operati
 
 long long RunTransactionStatement(const Table& table, bool begin, bool withLineEnd) {
   const char* sql = begin ? kBeginText : kCommitText;
-  long long result = table.parent->m_pDBConn->ExecuteSQL(sql, nullptr, DB_EXEC_SQL_SYNC);
+  long long result = RunText(table.parent->m_pDBConn, sql);
   if (begin) {
     if (withLineEnd) {
       DB_LOG(kLogDebug, " Table::begin = %s\n", sql);

@@ -12,10 +12,9 @@
 #include <initializer_list>
 #include <string>
 
-#include "DBConn.h"
-#include "Log.h"
-#include "SqliteOwners.h"
 #include "Table.h"
+#include "base/Log.h"
+#include "conn/Connection.h"
 #include "db/SqlText.h"
 
 namespace ipc_db::detail {

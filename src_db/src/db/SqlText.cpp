@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "Log.h"
+#include "base/Log.h"
 #include "db/ColumnKind.h"
 #include "db/FieldText.h"
 #include "db/TermText.h"

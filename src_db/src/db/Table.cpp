@@ -6,8 +6,8 @@
 
 #include <utility>
 
-#include "Log.h"
 #include "Meta.h"
+#include "base/Log.h"
 
 Table::Table(Db* parent, Meta* meta_data, int analyze_name)
     : parent(parent), meta_data(meta_data), analyze_name(analyze_name) {}

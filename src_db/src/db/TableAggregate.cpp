@@ -6,10 +6,9 @@
 #include <new>
 #include <string>
 
-#include "DBConn.h"
-#include "Log.h"
-#include "OutOfMemory.h"
-#include "SqliteOwners.h"
+#include "base/Log.h"
+#include "base/OutOfMemory.h"
+#include "conn/Connection.h"
 #include "db/CallerChecks.h"
 #include "db/ColumnKind.h"
 #include "db/SqlText.h"
@@ -62,7 +61,7 @@ long long GetExtremum(Table& table, Extremum extremum, DbFilters& col,
   std::string sql;
   if (!BuildExtremum(table, extremum, member, filters, &sql)) return -1;
   ScopedExecResult result(conn);
-  if (conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC) != 0) {
+  if (result.Run(sql.c_str()) != 0) {
     LogExtremumFailed(extremum);
     return -1;
   }
@@ -88,7 +87,7 @@ long long Table::get_item_cnt(DbFilters& filters) try {
   std::string sql;
   if (!BuildCount(*this, filters, &sql)) return -1;
   ScopedExecResult result(conn);
-  long long code = conn->ExecuteSQL(sql.c_str(), result.get(), DB_EXEC_SQL_SYNC);
+  long long code = result.Run(sql.c_str());
   DB_LOG(kLogDebug, " Table::get_item_cnt = %s", sql.c_str());
   if (code != 0) {
     DB_LOG(kLogError, "ExecuteSQL for get_item_cnt failed !");

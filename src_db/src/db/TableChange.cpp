@@ -4,8 +4,8 @@
 
 #include <cstdarg>
 
-#include "Log.h"
 #include "Meta.h"
+#include "base/Log.h"
 
 TableChange::TableChange(unsigned int count, ...) {
   va_list args;

@@ -6,9 +6,8 @@
 #include <new>
 #include <string>
 
-#include "DBConn.h"
-#include "Log.h"
-#include "OutOfMemory.h"
+#include "base/Log.h"
+#include "base/OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/MemberDefaults.h"
 #include "db/SchemaText.h"

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "DBConn.h"
-#include "OutOfMemory.h"
+#include "base/OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"

@@ -12,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "DBConn.h"
-#include "OutOfMemory.h"
+#include "base/OutOfMemory.h"
 #include "bounded_mem.h"
 #include "db/CallerChecks.h"
 #include "db/ColumnCopy.h"

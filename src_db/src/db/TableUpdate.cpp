@@ -7,8 +7,7 @@
 #include <new>
 #include <string>
 
-#include "DBConn.h"
-#include "OutOfMemory.h"
+#include "base/OutOfMemory.h"
 #include "db/CallerChecks.h"
 #include "db/SqlRun.h"
 #include "db/SqlText.h"

@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Log.h"
+#include "base/Log.h"
 
 int g_enRecordDebugFlag = 0;  // C linkage from the declaration in DBCommon.h
 

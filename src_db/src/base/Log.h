@@ -4,11 +4,16 @@
 // The module text of every entry is one of the named constants below, one
 // per subsystem, so that code can move between files without changing a log
 // line.
-#ifndef IPC_DB_SRC_LOG_H_
-#define IPC_DB_SRC_LOG_H_
+#ifndef IPC_DB_SRC_BASE_LOG_H_
+#define IPC_DB_SRC_BASE_LOG_H_
 
-#include "DBCommon.h"
+#include "ipc_db_export.h"
 #include "zb_log.h"
+
+// The connection layer's debug flag, defined in base/DBCommon.cpp and
+// declared for applications in DBCommon.h; declared here again so that a
+// file that logs does not take in the process and file utilities.
+extern "C" IPC_DB_API int g_enRecordDebugFlag;
 
 namespace ipc_db::detail {
 
@@ -45,4 +50,4 @@ inline constexpr char kLogModuleStorageMutex[] = "src_db/src/StorageMutex";
                 ::ipc_db::detail::kLogModuleDb, __LINE__, fmt, ##__VA_ARGS__);     \
   } while (0)
 
-#endif  // IPC_DB_SRC_LOG_H_
+#endif  // IPC_DB_SRC_BASE_LOG_H_

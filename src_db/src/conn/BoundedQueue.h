@@ -5,32 +5,28 @@
 // limit, the wait and the full-queue answer given by QueueSettings. The
 // helpers that every queue user needs (zero-filling an item, a deadline for
 // the timed wait) live here too.
-#ifndef IPC_DB_SRC_BOUNDEDQUEUE_H_
-#define IPC_DB_SRC_BOUNDEDQUEUE_H_
+#ifndef IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
+#define IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_
 
 #include <pthread.h>
-#include <sys/time.h>
 #include <time.h>
 
 #include <cstddef>
 #include <deque>
 
 #include "DBTypes.h"
-#include "Log.h"
-#include "MutexLock.h"
+#include "base/Env.h"
+#include "base/Log.h"
+#include "base/ThreadAnnotations.h"
 #include "bounded_mem.h"
+#include "conn/MutexLock.h"
 
 namespace ipc_db::detail {
 
-// Absolute time of day `seconds` from now, for pthread_cond_timedwait
-// (which measures against the realtime clock).
-inline struct timespec DeadlineAfter(time_t seconds) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct timespec deadline;
-  deadline.tv_sec = now.tv_sec + seconds;
-  deadline.tv_nsec = now.tv_usec * 1000;
-  return deadline;
+// Time of day `seconds` from now on the environment's clock, in
+// microseconds, for the environment's timed condition wait.
+inline unsigned long long DeadlineAfter(time_t seconds) {
+  return CurrentEnv().NowMicros() + static_cast<unsigned long long>(seconds) * 1000000ULL;
 }
 
 // Zeroes `*item`, logging under `module` (and going on) if the bounded set
@@ -53,19 +49,20 @@ struct QueueSettings {
 };
 
 // A view over one queue's members. Push and Pop take the queue's mutex
-// through PosixMutexLock for their whole run.
+// through PosixMutexLock for their whole run; the analysis checks that the
+// items are touched only inside it.
 template <typename Item>
 class BoundedQueue {
  public:
   BoundedQueue(std::deque<Item>* items, pthread_mutex_t* mutex, pthread_cond_t* ready,
                const QueueSettings& settings)
-      : items_(items), mutex_(mutex), ready_(ready), settings_(settings) {}
+      : mutex_(mutex), items_(items), ready_(ready), settings_(settings) {}
 
   // Appends a copy of `item` and wakes one waiter. 0, or
   // settings.fullResult (with settings.fullText logged) when the queue
   // holds settings.limit items; the item is then dropped.
   long long Push(const Item& item) {
-    PosixMutexLock lock(mutex_);
+    PosixMutexLock lock(&mutex_);
     if (items_->size() >= settings_.limit) {
       RECORD_LOG(settings_.module, kLogError, "%s", settings_.fullText);
       return settings_.fullResult;
@@ -79,10 +76,9 @@ class BoundedQueue {
   // for up to settings.waitSeconds; DB_ERR_WAIT_TIMEOUT when the wait ends
   // (by time-out or a wake-up) with the queue still empty.
   long long Pop(Item* item) {
-    PosixMutexLock lock(mutex_);
+    PosixMutexLock lock(&mutex_);
     if (items_->empty()) {
-      struct timespec deadline = DeadlineAfter(settings_.waitSeconds);
-      int waited = pthread_cond_timedwait(ready_, lock.native(), &deadline);
+      int waited = WaitOnce();
       if (waited != 0 || items_->empty()) return DB_ERR_WAIT_TIMEOUT;
     }
     *item = items_->front();
@@ -91,12 +87,20 @@ class BoundedQueue {
   }
 
  private:
-  std::deque<Item>* items_;
-  pthread_mutex_t* mutex_;
-  pthread_cond_t* ready_;
+  // One wait on the condition, up to settings.waitSeconds on the
+  // environment's clock; releases the mutex while it waits. 0 when woken,
+  // ETIMEDOUT at the deadline (the environment's WaitForSignal).
+  int WaitOnce() REQUIRES(mutex_) {
+    return CurrentEnv().WaitForSignal(ready_, mutex_.native(),
+                                      DeadlineAfter(settings_.waitSeconds));
+  }
+
+  QueueMutex mutex_;
+  std::deque<Item>* items_ PT_GUARDED_BY(mutex_);
+  pthread_cond_t* ready_;  // signalled by Push, waited on by Pop, with mutex_ held
   QueueSettings settings_;
 };
 
 }  // namespace ipc_db::detail
 
-#endif  // IPC_DB_SRC_BOUNDEDQUEUE_H_
+#endif  // IPC_DB_SRC_CONN_BOUNDEDQUEUE_H_

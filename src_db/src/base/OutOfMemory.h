@@ -6,13 +6,13 @@
 // Scoped locks and owners release what the body held while the exception
 // unwinds; a transaction the body began stays as any other failure of the
 // call leaves it. Other exceptions pass through.
-#ifndef IPC_DB_SRC_OUTOFMEMORY_H_
-#define IPC_DB_SRC_OUTOFMEMORY_H_
+#ifndef IPC_DB_SRC_BASE_OUTOFMEMORY_H_
+#define IPC_DB_SRC_BASE_OUTOFMEMORY_H_
 
 #include <new>
 #include <utility>
 
-#include "Log.h"
+#include "base/Log.h"
 
 namespace ipc_db::detail {
 
@@ -45,4 +45,4 @@ Result DbOutOfMemory(const char* operation, Result failure) {
 
 }  // namespace ipc_db::detail
 
-#endif  // IPC_DB_SRC_OUTOFMEMORY_H_
+#endif  // IPC_DB_SRC_BASE_OUTOFMEMORY_H_
