@@ -635,7 +635,58 @@ long long CountEventsSafely(const std::string& dir, std::string& why) {
 }
 // [/guide:helpers_open]
 
+// [guide:helpers_salvage]
+// At start-up: a file that reads as damaged is salvaged before the device
+// goes on with it. Returns false when the file cannot be used; `report`
+// says what happened.
+bool OpenOrSalvage(const std::string& dir, std::string& report) {
+  std::string key = LoadDeviceKey();
+  {
+    ipc_db::ScopedDb owner;
+    if (owner.Open(dir, "events.db", "events.db-journal", key.data(), 64) != 0) return false;
+    ipc_db::DbState state = ipc_db::ClassifyOpenDb(owner.db()).state;
+    if (state == ipc_db::DbState::kUsable || state == ipc_db::DbState::kUsableAfterReopen) {
+      report = "usable";
+      return true;
+    }
+    if (state != ipc_db::DbState::kDamaged) {  // a wrong key is not damage: keep the file
+      report = ipc_db::DbStateName(state);
+      return false;
+    }
+  }  // closed and released here: Salvage needs the file closed
+  ipc_db::SalvageResult result = ipc_db::Salvage(dir, "events.db", key);
+  if (result.status != ipc_db::SalvageStatus::kSalvaged) {
+    report = "salvage failed at: " + result.detail;
+    return false;
+  }
+  report = "salvaged " + std::to_string(result.rows()) + " rows";
+  for (const ipc_db::SalvageTable& table : result.tables) {
+    if (table.damaged_stretches > 0) report += ", " + table.name + " lost some";
+  }
+  return true;  // events.db is the new file, events.db.damaged the old one
+}
+// [/guide:helpers_salvage]
+
 namespace {
+
+// A keyed file of the lifecycle snippet with its second page changed: the
+// classifier finds it damaged and the salvage puts a new file in its place.
+void SalvageChecks(const std::string& dir) {
+  Check(RecordSomething(dir) == 0, "a second file for the salvage");
+  std::FILE* file = std::fopen((dir + "events.db").c_str(), "r+b");
+  Check(file != nullptr && std::fseek(file, 1024 + 100, SEEK_SET) == 0 &&
+            std::fputc(0x5A, file) != EOF,
+        "one byte of page 2 changed");
+  if (file != nullptr) std::fclose(file);
+  std::string report;
+  bool usable = OpenOrSalvage(dir, report);
+  std::printf("      OpenOrSalvage: %s\n", report.c_str());
+  Check(usable && report.rfind("salvaged", 0) == 0, "a damaged file is salvaged");
+  Check(OpenOrSalvage(dir, report) && report == "usable", "the salvaged file is usable");
+  std::FILE* kept = std::fopen((dir + "events.db.damaged").c_str(), "rb");
+  Check(kept != nullptr, "the damaged original is kept beside it");
+  if (kept != nullptr) std::fclose(kept);
+}
 
 void HelperChecks(const std::string& dir) {
   Check(DescribeEventChecked() && checkedEvent.meta()->members.size() == 5,
@@ -652,6 +703,9 @@ void HelperChecks(const std::string& dir) {
   Check(state.state == ipc_db::DbState::kWrongKey && state.sqlite_code == 26,
         "the classifier names a wrong key (SQLite code 26)");
   wrong.UnInit();
+  std::string report;
+  Check(OpenOrSalvage(dir, report) && report == "usable", "a usable file is left as it is");
+  SalvageChecks(dir + "salvage/");
 }
 
 std::string ScratchDirectory(const char* argument) {

@@ -18,6 +18,9 @@
 //                      damaged, locked, storage full, I/O error, ...), read
 //                      from SQLite's own result code on the connection's
 //                      public handle and from the file's first bytes.
+//   Salvage            reads every row a damaged file still holds, keyed or
+//                      plain, into a new file of the same format and key
+//                      and swaps it in (ipc_db_salvage.h, included here).
 //
 // None of these throws except the constructors of FieldType and RecordType
 // (std::bad_alloc, as the Meta they hold). The classifier needs SQLCipher's
@@ -45,6 +48,7 @@
 #include "DbFilter.h"
 #include "Meta.h"
 #include "SQLiteDBConn.h"
+#include "ipc_db_salvage.h"
 
 namespace ipc_db {
 

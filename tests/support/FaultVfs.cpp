@@ -731,6 +731,110 @@ void FaultVfs::CutNow() {
   CutLocked(state);
 }
 
+// ---- File operations outside SQLite ----
+
+namespace {
+
+// The directory name as the records hold it: no trailing slash.
+std::string DirectoryName(const char* directory) {
+  std::string name = directory;
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+  return name;
+}
+
+// Runs `operation` and, when it succeeded, `record` under the state's lock,
+// then counts a durable operation (and cuts there when armed).
+template <typename Operation, typename Record>
+int OutsideOp(const char* what, const std::string& path, Operation operation, Record record) {
+  FaultAllocPause pause;
+  State& state = TheState();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  record(state, true);  // before: files met for the first time are read from the disk
+  const int rc = operation(state);
+  if (rc != 0) return rc;
+  record(state, false);
+  Trace(what, path, 0, 0);
+  DurableOpDone(state);
+  return 0;
+}
+
+// A link or a rename: `to` comes to name the file `from` names; after a
+// rename `from` names nothing.
+int NewName(const char* what, const char* from, const char* to, bool keepOld) {
+  std::shared_ptr<Inode> inode;
+  return OutsideOp(
+      what, to,
+      [&](State&) { return keepOld ? link(from, to) : rename(from, to); },
+      [&](State& state, bool before) {
+        if (before) {
+          inode = InodeOf(state, from);
+          if (access(to, F_OK) == 0) InodeOf(state, to);
+          return;
+        }
+        state.entries[to].current = inode;
+        if (keepOld) return;
+        state.entries[from].current = nullptr;
+        state.sizes.erase(from);
+      });
+}
+
+}  // namespace
+
+int FaultVfs::Link(const char* from, const char* to) { return NewName("link", from, to, true); }
+
+int FaultVfs::Rename(const char* from, const char* to) {
+  return NewName("rename", from, to, false);
+}
+
+int FaultVfs::Unlink(const char* path) {
+  return OutsideOp(
+      "unlink", path, [&](State&) { return unlink(path); },
+      [&](State& state, bool before) {
+        if (before) {
+          if (access(path, F_OK) == 0) InodeOf(state, path);
+        } else {
+          state.entries[path].current = nullptr;
+          state.sizes.erase(path);
+        }
+      });
+}
+
+int FaultVfs::SyncFile(const char* path) {
+  return OutsideOp(
+      "sync", path,
+      [&](State& state) {
+        if (!state.realSyncs) return access(path, F_OK);
+        const int fd = open(path, O_RDONLY);
+        if (fd < 0) return -1;
+        const int rc = fsync(fd);
+        close(fd);
+        return rc;
+      },
+      [&](State& state, bool before) {
+        std::shared_ptr<Inode> inode = InodeOf(state, path);
+        if (before) return;
+        for (const Inode::Change& change : inode->changes) Apply(&inode->synced, change);
+        inode->changes.clear();
+      });
+}
+
+int FaultVfs::SyncDirectory(const char* directory) {
+  const std::string name = DirectoryName(directory);
+  return OutsideOp(
+      "directory sync", name,
+      [&](State& state) {
+        if (!state.realSyncs) return access(name.c_str(), F_OK);
+        const int fd = open(name.c_str(), O_RDONLY | O_DIRECTORY);
+        if (fd < 0) return -1;
+        const int rc = fsync(fd);
+        close(fd);
+        return rc;
+      },
+      [&](State& state, bool before) {
+        if (!before) ::ipc_db_test::SyncDirectory(state, name);
+      });
+}
+
 // ---- FaultAlloc ----
 
 void FaultAlloc::Install() {

@@ -121,6 +121,21 @@ class FaultVfs {
   static void ArmPowerCut(unsigned long long afterOp, uint32_t seed, int sectorSize);
   // Cuts the power now: rewrites the files as the model says, then _exit.
   [[noreturn]] static void CutNow();
+
+  // ---- File operations outside SQLite ----
+  // For code that links, renames, removes or syncs files itself (the
+  // salvage's swap): each runs the real operation (a sync only when syncs
+  // reach the disk), answers as the C library does (0, or -1 with errno),
+  // records the change in the power model as SQLite's own operations are
+  // recorded, and counts as a durable operation, so a power cut can fall
+  // right after it. A link or rename makes the new name share the file's
+  // record; until its directory is synced, a cut leaves each changed name
+  // with its old entry or its new one (1/2 each), as for a created file.
+  static int Link(const char* from, const char* to);
+  static int Rename(const char* from, const char* to);
+  static int Unlink(const char* path);
+  static int SyncFile(const char* path);
+  static int SyncDirectory(const char* directory);
 };
 
 // ---- Allocation failure ----

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "EngineFormat.h"
 
@@ -48,6 +49,25 @@ long long OpenEventDb(Db& db, const std::string& dir, const std::string& file,
     return -1000;
   }
   return db.OpenDB();
+}
+
+long long WriteIndexedEvents(const std::string& dir, const std::string& file,
+                             const std::string& key, int rows, const std::string& index) {
+  Db db;
+  EventSchema schema;
+  long long result = OpenEventDb(db, dir, file, key);
+  std::unique_ptr<Table> table;
+  if (result == 0) table.reset(db.createTable(schema.meta(), EventSchema::kAnalyzeName));
+  if (result == 0 && table == nullptr) result = -1;
+  if (result == 0) {
+    std::vector<Event> events = MakeBatch(1, rows, 5);
+    result = table->add_item(events.data(), events.size(), DbFilters(0));
+  }
+  if (result == 0) result = table->add_index(index, schema.member(2));
+  table.reset();
+  db.CloseDB();
+  db.UnInit();
+  return result;
 }
 
 std::string ExecuteScalar(Db& db, const std::string& sql, const std::string& fallback,

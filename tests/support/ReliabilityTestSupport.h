@@ -69,6 +69,12 @@ inline CSqliteDBConn* SqliteConnOf(Db& db) {
   return static_cast<CSqliteDBConn*>(db.m_pDBConn);
 }
 
+// Writes `rows` events of batch 1 (value 5) into a new file through the
+// library in one add_item, adds the index `index` on Seq, and closes the
+// file. Returns 0, or the first failed call's result.
+long long WriteIndexedEvents(const std::string& dir, const std::string& file,
+                             const std::string& key, int rows, const std::string& index);
+
 // Integer filter values travel in the pointer slot.
 inline void* ValueSlot(long long value) { return IntSlot(value); }
 
