@@ -446,23 +446,28 @@ long long FromStoredTime(int stored) { return kDeviceEpoch + stored; }
 // [/guide:device_time]
 
 // [guide:door_record]
-struct DoorEvent {  // version 2; version 1 had no card field
-  int id;           // iId_pa  -> Id INTEGER PRIMARY KEY autoincrement
-  int time;         // iTime_n -> Time INTEGER NOT NULL, device epoch
-  int door;         // iDoor   -> Door INTEGER
-  char card[16];    // cCard   -> Card CHAR(16), added by version 2
+struct DoorEvent {            // version 2; version 1 had the first three fields
+  int id;                     // iId_pa  -> Id INTEGER PRIMARY KEY autoincrement
+  int time;                   // iTime_n -> Time INTEGER NOT NULL, device epoch
+  int door;                   // iDoor   -> Door INTEGER
+  char card[16];              // cCard   -> Card CHAR(16), added by version 2
+  int reader;                 // iReader -> Reader INTEGER, added by version 2
+  unsigned char badge[8];     // bBadge  -> Badge BLOB, added by version 2
 };
 // [/guide:door_record]
 
-Meta cardType, doorMeta;
+Meta cardType, badgeType, doorMeta;
 
 void DescribeDoorEvent() {
   cardType.Init("char16", 16);
+  badgeType.Init("badge8", 8);
   doorMeta.Init("t_door", sizeof(DoorEvent));
   doorMeta.AddMember(new Member("iId_pa", offsetof(DoorEvent, id), &intType));
   doorMeta.AddMember(new Member("iTime_n", offsetof(DoorEvent, time), &intType));
   doorMeta.AddMember(new Member("iDoor", offsetof(DoorEvent, door), &intType));
   doorMeta.AddMember(new Member("cCard", offsetof(DoorEvent, card), &cardType));
+  doorMeta.AddMember(new Member("iReader", offsetof(DoorEvent, reader), &intType));
+  doorMeta.AddMember(new Member("bBadge", offsetof(DoorEvent, badge), &badgeType));
 }
 
 // [guide:migration]
@@ -490,7 +495,9 @@ Table* OpenDoorTable(Db& db) {
     for (Member* member : doorMeta.members) {  // in the order versions added them
       if (HasColumn(sql, db.getName(member->name))) continue;
       TableChange change(1, member);  // refers to the member; doorMeta owns it
-      const char* initial = member->sql_type == "INTEGER" ? "0" : "";
+      // getType works the column type out from the name; sql_type itself
+      // stays "unknown_type" until createTable or updateTable has seen it.
+      const char* initial = db.getType(member) == "INTEGER" ? "0" : "";
       if (db.updateTable(name, change, initial, 1) != 0) return nullptr;
     }
   }
@@ -515,7 +522,7 @@ bool OpenPlain(Db& db, const std::string& dir, const std::string& file) {
 
 void DoorTimes(Table* doors) {
   // [guide:time_filters]
-  DoorEvent opened = {0, ToStoredTime(2240611200LL), 2, "card 0042"};  // 2041-01-01
+  DoorEvent opened = {0, ToStoredTime(2240611200LL), 2, "card 0042", 7, {1, 2}};  // 2041-01-01
   long long rc = doors->add_item(&opened, 1, DbFilters(0));
   // The id the row got: Id only grows (autoincrement), so it is the largest
   // one, as long as nobody else inserts in between.
@@ -540,8 +547,13 @@ void DoorTimes(Table* doors) {
   Check(rows == 2 && FromStoredTime(found[0].time) == 2240611200LL &&
             FromStoredTime(found[1].time) == 2208988800LL + 60,
         "times after 2038 stored, filtered and ordered newest first");
-  Check(std::strcmp(found[0].card, "card 0042") == 0 && found[1].card[0] == '\0',
-        "the version-1 row has the added column's default");
+  Check(std::strcmp(found[0].card, "card 0042") == 0 && found[0].reader == 7 &&
+            found[0].badge[0] == 1 && found[0].badge[1] == 2,
+        "a version-2 row keeps its added columns");
+  const unsigned char noBadge[8] = {};
+  Check(found[1].card[0] == '\0' && found[1].reader == 0 &&
+            std::memcmp(found[1].badge, noBadge, sizeof noBadge) == 0,
+        "the version-1 row has the added columns' defaults (text, integer and blob)");
 }
 
 // A file written by version 1 of the application: t_door without Card, one
@@ -556,7 +568,7 @@ void WriteVersion1(const std::string& dir) {
   Db db;
   Check(OpenPlain(db, dir, "door_v1.db"), "version 1 opens its file");
   Table* doors = db.createTable(&v1, 1);
-  DoorEvent first = {0, ToStoredTime(2208988800LL + 60), 1, ""};
+  DoorEvent first = {0, ToStoredTime(2208988800LL + 60), 1, "", 0, {}};
   Check(doors != nullptr && doors->add_item(&first, 1, DbFilters(0)) == 0,
         "version 1 writes a row");
   delete doors;
@@ -566,7 +578,9 @@ void WriteVersion1(const std::string& dir) {
 void Migrations(const std::string& dir) {
   DescribeDoorEvent();
   WriteVersion1(dir);
-  for (const char* file : {"door_fresh.db", "door_v1.db"}) {
+  // The upgrade first, as after a firmware update: no createTable has seen
+  // doorMeta's members in this process yet.
+  for (const char* file : {"door_v1.db", "door_fresh.db"}) {
     Db db;
     Check(OpenPlain(db, dir, file), "the current version opens the file");
     g_errorEntries = 0;
