@@ -175,7 +175,7 @@ TEST_F(HelpersTest, ScopedDbOpensAndReleasesEverythingAtTheEndOfItsScope) {
   EXPECT_EQ(CountDirectly(key_), 0);
 }
 
-TEST_F(HelpersTest, ScopedDbCloseReturnsCloseDBsResultAndReleasesTheConnection) {
+TEST_F(HelpersTest, ScopedDbCloseReleasesTheConnection) {
   ScopedDb owner;
   EXPECT_EQ(owner.Close(), 0);  // nothing held
   ASSERT_EQ(Open(owner, key_), 0);
@@ -185,6 +185,24 @@ TEST_F(HelpersTest, ScopedDbCloseReturnsCloseDBsResultAndReleasesTheConnection) 
   EXPECT_EQ(Open(owner, key_), 0) << "an owner opens again after Close";
 }
 
+TEST_F(HelpersTest, ScopedDbCloseOfAnOpenDatabaseLogsNoErrorOrWarning) {
+  const size_t before = OpenDescriptors();
+  {
+    ScopedDb owner;
+    ASSERT_EQ(Open(owner, key_), 0);
+    std::unique_ptr<Table> table(owner->createTable(schema_.door.meta(), 1));
+    ASSERT_NE(table, nullptr);
+    table.reset();
+    LogCapture log;
+    EXPECT_EQ(owner.Close(), 0);
+    EXPECT_EQ(log.CountAtLevel(2) + log.CountAtLevel(3), 0u) << log.Dump();
+    EXPECT_TRUE(log.Contains("close:" + Path() + " success")) << log.Dump();
+  }
+  EXPECT_EQ(OpenDescriptors(), before) << "the database file is still open";
+  ScopedDb again;
+  ASSERT_EQ(Open(again, key_), 0) << "the closed file opens again";
+}
+
 TEST_F(HelpersTest, ScopedDbCloseAfterTheApplicationsOwnCloseDBOnlyReleases) {
   ScopedDb owner;
   ASSERT_EQ(Open(owner, key_), 0);
@@ -192,9 +210,11 @@ TEST_F(HelpersTest, ScopedDbCloseAfterTheApplicationsOwnCloseDBOnlyReleases) {
   LogCapture log;
   EXPECT_EQ(owner.Close(), 0);
   EXPECT_EQ(owner->m_pDBConn, nullptr);
-  // Only UnInit's notes on a closed connection, which name the failed close
-  // twice; a second CloseDB would add a third.
-  EXPECT_EQ(log.WithText("CloseConnection failed!error:-202\n").size(), 2u) << log.Dump();
+  // Only the connection's destructor finding the handle gone; UnInit after
+  // CloseDB would add "CloseConnection failed!error:-202" twice.
+  EXPECT_EQ(log.WithText("RECORD: DB Connection has not exist").size(), 1u) << log.Dump();
+  EXPECT_EQ(log.WithText("CloseConnection failed!error:-202\n").size(), 0u) << log.Dump();
+  EXPECT_EQ(log.CountAtLevel(2) + log.CountAtLevel(3), 1u) << log.Dump();
 }
 
 TEST_F(HelpersTest, ScopedDbRefusesASecondOpenAndAnOverLongKeyWithoutCallingAnything) {
