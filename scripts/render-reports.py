@@ -177,7 +177,8 @@ def faults(data):
                    "Corrupt, cut in the open", "Half applied", "Committed rows lost",
                    "Cuts losing rows", "First read failed",
                    "Second open read all", "Seed"]
-    for name, title in (("power_cut", "Power cuts"), ("unsafe_modes", "Unsafe journal modes")):
+    for name, title in (("power_cut", "Power cuts"), ("companion_defaults", "Companion defaults (ScopedDb)"),
+                        ("unsafe_modes", "Unsafe journal modes")):
         if isinstance(data.get(name), list):
             lines += ["", f"### {title}", ""] + table(data[name], cut_columns, cut_headers)
     processes = data.get("processes")
@@ -190,7 +191,7 @@ def faults(data):
             lines += ["", f"### {name}", ""] + [f"- {k}: {cell(v)}"
                                                for k, v in data[name].items()]
     rest = {k: v for k, v in data.items()
-            if k not in ("power_cut", "unsafe_modes", "processes", "storage_full",
+            if k not in ("power_cut", "companion_defaults", "unsafe_modes", "processes", "storage_full",
                          "io_error", "alloc_failure")}
     return lines + (generic(rest) if rest else [])
 

@@ -27,7 +27,9 @@
 //
 // Settings: DELETE, TRUNCATE, PERSIST and WAL under the library's own
 // synchronous = NORMAL, DELETE and WAL under FULL, DELETE under EXTRA, and
-// DELETE/NORMAL on a keyed file; MEMORY and OFF apart (unsafe_modes).
+// DELETE/NORMAL on a keyed file; MEMORY and OFF apart (unsafe_modes); and
+// the companion header's defaults (ScopedDb's OpenOptions: DELETE, EXTRA,
+// busy timeout), plain and keyed, apart (companion_defaults).
 // SQLite promises an intact file under FULL and EXTRA in every journal
 // mode and under WAL with NORMAL: there the test requires no corrupt file
 // and no half-applied call; the other settings' figures are reported as
@@ -193,6 +195,7 @@ std::string FiguresJson(const FaultSetting& setting, const SettingFigures& figur
   json.Add("journal_mode", setting.journal)
       .Add("synchronous", setting.synchronous)
       .Add("keyed", setting.keyed)
+      .Add("companion_defaults", setting.companionDefaults)
       .Add("cuts", figures.cuts)
       .Add("corrupt", figures.corrupt)
       .Add("committed_rows_lost", figures.rowsLost)
@@ -263,6 +266,14 @@ TEST(PowerCut, SafeAndLibrarySettings) {
                {"WAL", "FULL", false},
                {"DELETE", "EXTRA", false},
                {"DELETE", "NORMAL", true}},
+              ScaledPoints(1300, 16), ScaledPoints(800, 4), true);
+}
+
+// The settings a new application gets from ScopedDb without asking: no
+// corrupt file, no half-applied call, no committed row lost.
+TEST(PowerCut, CompanionDefaults) {
+  RunSettings("companion_defaults",
+              {{"DELETE", "EXTRA", false, true}, {"DELETE", "EXTRA", true, true}},
               ScaledPoints(1300, 16), ScaledPoints(800, 4), true);
 }
 

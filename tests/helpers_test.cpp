@@ -217,6 +217,70 @@ TEST_F(HelpersTest, ScopedDbCloseAfterTheApplicationsOwnCloseDBOnlyReleases) {
   EXPECT_EQ(log.CountAtLevel(2) + log.CountAtLevel(3), 1u) << log.Dump();
 }
 
+// One PRAGMA's value on the open database of `owner`, read on its handle.
+std::string PragmaValue(ScopedDb& owner, const std::string& pragma) {
+  sqlite3* handle = ipc_db::detail::OpenHandleOf(owner.db());
+  sqlite3_stmt* statement = nullptr;
+  std::string value = "(no value)";
+  if (handle != nullptr &&
+      sqlite3_prepare_v2(handle, ("PRAGMA " + pragma + ";").c_str(), -1, &statement,
+                         nullptr) == SQLITE_OK &&
+      sqlite3_step(statement) == SQLITE_ROW) {
+    const unsigned char* text = sqlite3_column_text(statement, 0);
+    value = text == nullptr ? "(null)" : reinterpret_cast<const char*>(text);
+  }
+  sqlite3_finalize(statement);
+  return value;
+}
+
+TEST_F(HelpersTest, ScopedDbOpensWithSynchronousExtraAndAFiveSecondBusyTimeout) {
+  ScopedDb owner;
+  ASSERT_EQ(Open(owner, key_), 0);
+  EXPECT_TRUE(owner.options_applied());
+  EXPECT_EQ(PragmaValue(owner, "synchronous"), "3");  // EXTRA
+  EXPECT_EQ(PragmaValue(owner, "journal_mode"), "delete");
+  EXPECT_EQ(PragmaValue(owner, "busy_timeout"), "5000");
+}
+
+TEST_F(HelpersTest, ScopedDbOpensWithTheDurabilityAndTimeoutItIsGiven) {
+  const struct {
+    ipc_db::Durability durability;
+    int timeout;
+    const char *synchronous, *journal, *busy;
+  } cases[] = {{ipc_db::Durability::kWalFull, 250, "2", "wal", "250"},
+               {ipc_db::Durability::kLibrarySettings, 0, "1", "delete", "0"},
+               {ipc_db::Durability::kDeleteExtra, -5, "3", "delete", "0"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.synchronous);
+    ipc_db::OpenOptions options;
+    options.durability = c.durability;
+    options.busy_timeout_ms = c.timeout;
+    ScopedDb owner;
+    ASSERT_EQ(owner.Open(dir_.Path(), "door.db", "door.db-journal", key_.data(),
+                         static_cast<unsigned int>(key_.size()), options),
+              0);
+    EXPECT_TRUE(owner.options_applied());
+    EXPECT_EQ(PragmaValue(owner, "synchronous"), c.synchronous);
+    EXPECT_EQ(PragmaValue(owner, "journal_mode"), c.journal);
+    EXPECT_EQ(PragmaValue(owner, "busy_timeout"), c.busy);
+    // Back to DELETE for the next case (WAL is kept in the file).
+    ASSERT_EQ(owner->SetJournalAttr(DB_JOURNAL_DELETE), 0);
+  }
+}
+
+TEST_F(HelpersTest, ScopedDbOpensAFileItsKeyDoesNotReadWithoutTheOptionsForTheClassifier) {
+  CreateFile(key_, 3);
+  ScopedDb owner;
+  ASSERT_EQ(Open(owner, MakeKey('x')), 0);
+  EXPECT_FALSE(owner.options_applied());
+  EXPECT_EQ(ipc_db::ClassifyOpenDb(owner.db()).state, ipc_db::DbState::kWrongKey);
+  EXPECT_EQ(owner.ApplyOptions(), -1);
+  owner.Close();
+  ASSERT_EQ(Open(owner, key_), 0);
+  EXPECT_TRUE(owner.options_applied());
+  EXPECT_EQ(PragmaValue(owner, "synchronous"), "3");
+}
+
 TEST_F(HelpersTest, ScopedDbRefusesASecondOpenAndAnOverLongKeyWithoutCallingAnything) {
   ScopedDb owner;
   ASSERT_EQ(Open(owner, key_), 0);

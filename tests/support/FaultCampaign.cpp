@@ -13,12 +13,14 @@
 
 #include "EngineFormat.h"
 #include "FaultVfs.h"
+#include "ipc_db_helpers.h"
 #include "zb_log.h"
 
 namespace ipc_db_test {
 
 std::string FaultSetting::Name() const {
-  return journal + "/" + synchronous + (keyed ? "/keyed" : "");
+  return journal + "/" + synchronous + (keyed ? "/keyed" : "") +
+         (companionDefaults ? "/companion defaults" : "");
 }
 
 std::string FaultSetting::Key() const { return keyed ? MakeKey('k') : std::string(); }
@@ -98,6 +100,7 @@ long long FaultSession::OpenFile(const std::string& dir, const FaultSetting& set
   long long rc = OpenEventDb(db_, dir, kFaultFile, setting.Key());
   if (rc != 0) return rc;
   open_ = true;
+  if (setting.companionDefaults) return ipc_db::ApplyOpenOptions(db_, ipc_db::OpenOptions());
   static const std::map<std::string, DB_JOURNAL_TYPE> kModes = {
       {"DELETE", DB_JOURNAL_DELETE},   {"TRUNCATE", DB_JOURNAL_TRUNCATE},
       {"PERSIST", DB_JOURNAL_PERSIST}, {"MEMORY", DB_JOURNAL_MEMORY},

@@ -36,6 +36,11 @@ struct FaultSetting {
   std::string journal = "DELETE";
   std::string synchronous = "NORMAL";
   bool keyed = false;
+  // Opened as an application using the companion header's defaults would
+  // (ipc_db::ApplyOpenOptions with OpenOptions()) instead of setting the
+  // journal mode and synchronous above, which then only name what the
+  // defaults are.
+  bool companionDefaults = false;
   std::string Name() const;
   std::string Key() const;  // "" for a plain file
 };
