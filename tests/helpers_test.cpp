@@ -281,6 +281,56 @@ TEST_F(HelpersTest, ScopedDbOpensAFileItsKeyDoesNotReadWithoutTheOptionsForTheCl
   EXPECT_EQ(PragmaValue(owner, "synchronous"), "3");
 }
 
+TEST_F(HelpersTest, PathStateTellsAFirstBootFromAMissingDirectory) {
+  const std::string dir = dir_.Path();
+  EXPECT_EQ(ipc_db::PathState(dir, "door.db"), ipc_db::DbState::kNoFile);
+  EXPECT_EQ(ipc_db::PathState(dir + "mnt/", "door.db"), ipc_db::DbState::kNoDirectory);
+  EXPECT_EQ(ipc_db::PathState(dir + "mnt/data/", "door.db"), ipc_db::DbState::kNoDirectory);
+  CreateFile(key_, 1);
+  EXPECT_EQ(ipc_db::PathState(dir, "door.db"), ipc_db::DbState::kUsable);
+  EXPECT_STREQ(ipc_db::DbStateName(ipc_db::DbState::kNoFile), "no database file");
+  EXPECT_STREQ(ipc_db::DbStateName(ipc_db::DbState::kNoDirectory), "no data directory");
+}
+
+TEST_F(HelpersTest, ScopedDbThatRequiresAnExistingFileCreatesNothing) {
+  ipc_db::OpenOptions options;
+  options.require_existing_file = true;
+  const std::string dir = dir_.Path();
+  for (const std::string& folder : {dir, dir + "mnt/", dir + "mnt/data/"}) {
+    ScopedDb owner;
+    EXPECT_EQ(owner.Open(folder, "door.db", "door.db-journal", key_.data(),
+                         static_cast<unsigned int>(key_.size()), options),
+              -1)
+        << folder;
+    EXPECT_FALSE(owner.held());
+    EXPECT_EQ(owner->m_pDBConn, nullptr) << "nothing called";
+  }
+  EXPECT_EQ(ipc_db::PathState(dir, "door.db"), ipc_db::DbState::kNoFile) << "no file made";
+  EXPECT_EQ(ipc_db::PathState(dir + "mnt/", "door.db"), ipc_db::DbState::kNoDirectory)
+      << "no directory made";
+  CreateFile(key_, 2);
+  ScopedDb owner;
+  EXPECT_EQ(owner.Open(dir, "door.db", "door.db-journal", key_.data(),
+                       static_cast<unsigned int>(key_.size()), options),
+            0);
+}
+
+TEST_F(HelpersTest, WithoutTheOptionOneMissingLevelIsMadeAndTwoAnswer201) {
+  const std::string dir = dir_.Path();
+  {
+    ScopedDb owner;
+    EXPECT_EQ(owner.Open(dir + "one/", "door.db", "door.db-journal", key_.data(),
+                         static_cast<unsigned int>(key_.size())),
+              0);
+  }
+  EXPECT_EQ(ipc_db::PathState(dir + "one/", "door.db"), ipc_db::DbState::kUsable);
+  ScopedDb owner;
+  EXPECT_EQ(owner.Open(dir + "two/levels/", "door.db", "door.db-journal", key_.data(),
+                       static_cast<unsigned int>(key_.size())),
+            -201);
+  EXPECT_EQ(ipc_db::PathState(dir + "two/levels/", "door.db"), ipc_db::DbState::kNoDirectory);
+}
+
 TEST_F(HelpersTest, ScopedDbRefusesASecondOpenAndAnOverLongKeyWithoutCallingAnything) {
   ScopedDb owner;
   ASSERT_EQ(Open(owner, key_), 0);

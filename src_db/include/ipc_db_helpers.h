@@ -35,6 +35,7 @@
 #define IPC_DB_IPC_DB_HELPERS_H_
 
 #include <sqlcipher/sqlite3.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -77,6 +78,21 @@ enum class Durability : int {
   kLibrarySettings,
 };
 
+enum class DbState : int;
+
+// Where a database's path stands before it is opened: DbState::kNoDirectory
+// when `directory` (as given to Open, ending with "/") does not exist,
+// kNoFile when it does and `file` does not, kUsable when the file exists
+// (whether it reads is ClassifyOpenDb's answer after the open). Tells a
+// first boot (kNoFile) from lost storage (kNoDirectory), and explains
+// OpenDB's -201 (a directory it could not make).
+DbState PathState(const std::string& directory, const std::string& file) noexcept;
+
+namespace detail {
+// True when PathState answers kUsable.
+bool PathHoldsFile(const std::string& directory, const std::string& file) noexcept;
+}  // namespace detail
+
 // What ScopedDb::Open applies after every successful open.
 struct OpenOptions {
   Durability durability = Durability::kDeleteExtra;
@@ -85,6 +101,10 @@ struct OpenOptions {
   // once (259 of 400 writes of a second process failed that way, none with
   // 5 s).
   int busy_timeout_ms = 5000;
+  // When true, Open refuses (-1, nothing called, nothing created) unless
+  // the database file exists: for an application that must tell a lost
+  // file or an unmounted storage from a first boot. PathState says which.
+  bool require_existing_file = false;
 };
 
 // Applies `options` to the open database of `db`: the busy timeout (on the
@@ -127,6 +147,7 @@ class ScopedDb {
                  unsigned int key_length,
                  const OpenOptions& options = OpenOptions()) noexcept {
     if (held_ || key_length > kMaxKeyLength) return -1;
+    if (options.require_existing_file && !detail::PathHoldsFile(directory, file)) return -1;
     char copy[kMaxKeyLength + 1] = {};
     if (key != nullptr && key_length > 0) std::memcpy(copy, key, key_length);
     const unsigned int length = key == nullptr ? 0 : key_length;
@@ -358,6 +379,11 @@ enum class DbState : int {
   kIoError,               // SQLITE_IOERR_*: the storage failed a read or a write
   kOutOfMemory,           // SQLITE_NOMEM
   kOther,                 // another SQLite code (in sqlite_code), e.g. a constraint
+  kNoFile,                // PathState: the directory is there, the file is not
+                          // (a first boot, or a file deleted)
+  kNoDirectory,           // PathState: the directory is missing (storage not
+                          // mounted or lost); OpenDB makes one missing level
+                          // and answers -201 for more
 };
 
 // What the classifier found.
@@ -383,6 +409,8 @@ inline const char* DbStateName(DbState state) noexcept {
     case DbState::kIoError: return "I/O error";
     case DbState::kOutOfMemory: return "out of memory";
     case DbState::kOther: return "other";
+    case DbState::kNoFile: return "no database file";
+    case DbState::kNoDirectory: return "no data directory";
   }
   return "other";
 }
@@ -541,6 +569,20 @@ inline long long ApplyOpenOptions(Db& db, const OpenOptions& options) noexcept {
   }
   if (synchronous == nullptr) return 0;
   return sqlite3_exec(handle, synchronous, nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : -1;
+}
+
+inline DbState PathState(const std::string& directory, const std::string& file) noexcept {
+  struct stat info;
+  const std::string folder = directory.empty() ? std::string(".") : directory;
+  if (::stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    return DbState::kNoDirectory;
+  }
+  return ::stat((directory + file).c_str(), &info) == 0 ? DbState::kUsable : DbState::kNoFile;
+}
+
+inline bool detail::PathHoldsFile(const std::string& directory,
+                                  const std::string& file) noexcept {
+  return PathState(directory, file) == DbState::kUsable;
 }
 
 }  // namespace ipc_db
