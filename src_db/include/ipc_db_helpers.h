@@ -14,7 +14,12 @@
 //   IntValue, TextValue<N>, NewTerm
 //                      filter term values: an integer in a pointer's bits, a
 //                      text laid out like a field of N bytes with its zero
-//                      byte always inside the value.
+//                      byte always inside the value (a text with a quote is
+//                      refused).
+//   AddItemChecked, UpdateItemChecked, RmvItemChecked, EncodeText
+//                      text from outside the device: the calls refuse a text
+//                      that would leave its quotes in the statement; the
+//                      encoding stores any text without a quote.
 //   ClassifyOpenDb, ClassifyFailure
 //                      what state an opened Db is in (wrong key, plain file,
 //                      damaged, locked, storage full, I/O error, ...), read
@@ -52,6 +57,8 @@
 #include "Meta.h"
 #include "SQLiteDBConn.h"
 #include "ipc_db_salvage.h"
+#include "zb_log.h"
+#include "Table.h"
 
 namespace ipc_db {
 
@@ -348,14 +355,45 @@ inline DbFilter* NewTerm(Member* member, DbFilterOperator op,
   return new (std::nothrow) DbFilter(member, op, IntValue(value), nullptr);
 }
 
+namespace detail {
+
+// Module number of the library's log entries, which the companion's share.
+constexpr unsigned int kCompanionLogModule = 4;
+
+// True when the text the library reads from `bytes` (up to the first zero,
+// at most `width` + 1 bytes) holds a single quote: in the statement the
+// text sits between quotes, unescaped, and such a quote would end it.
+inline bool TextLeavesItsQuotes(const char* bytes, unsigned int width) noexcept {
+  for (unsigned int i = 0; i <= width && bytes[i] != '\0'; ++i) {
+    if (bytes[i] == '\'') return true;
+  }
+  return false;
+}
+
+// The error entry of a refused text, naming the field.
+inline void LogRefusedText(const char* call, const std::string& member,
+                           unsigned long long record) noexcept {
+  ZB_WriteLog(kCompanionLogModule, 3, Log_GetLogDebugEnable(), 0, "ipc_db_helpers.h", __LINE__,
+              "%s: text of %s (record %llu) holds a quote; refused, nothing run\n", call,
+              member.c_str(), record);
+}
+
+}  // namespace detail
+
 // A new term comparing `member` with `value`, which must outlive the term.
 // Null when `member` is null, has no type description, its width is not
-// kWidth, or memory ran out.
+// kWidth, memory ran out, or `value` holds a single quote (text from
+// outside the device: the quote would end the value in the statement; one
+// error entry names the member). EncodeText stores such text safely.
 template <unsigned int kWidth>
 DbFilter* NewTerm(Member* member, DbFilterOperator op,
                   TextValue<kWidth>& value) noexcept {
   if (member == nullptr || member->type_meta == nullptr ||
       member->type_meta->type_size != kWidth) {
+    return nullptr;
+  }
+  if (detail::TextLeavesItsQuotes(value.c_str(), kWidth)) {
+    detail::LogRefusedText("NewTerm", member->name, 0);
     return nullptr;
   }
   return new (std::nothrow) DbFilter(member, op, value.get(), nullptr);
@@ -583,6 +621,173 @@ inline DbState PathState(const std::string& directory, const std::string& file) 
 inline bool detail::PathHoldsFile(const std::string& directory,
                                   const std::string& file) noexcept {
   return PathState(directory, file) == DbState::kUsable;
+}
+
+// ---------------------------------------------------------------------------
+// Text from outside the device
+// ---------------------------------------------------------------------------
+//
+// The library writes a text value into its statement between single quotes,
+// unescaped: a login or a preset name that arrives from a web page and holds
+// a quote ends the value early, and the rest of it becomes SQL (a name filter
+// of `x' or '1'='1` removes every row). These calls refuse such text before
+// any statement runs, with -1 and one error entry naming the field; and
+// EncodeText stores any text without a quote, keeping equality, ordering and
+// prefix matches.
+
+namespace detail {
+
+// How the library treats a member's value: its column kind, from sql_type
+// exactly as the library decides it (INTEGER, BLOB, anything else text).
+inline bool RenderedAsText(const Member& member, bool blobs_bound) noexcept {
+  if (member.sql_type == "INTEGER") return false;
+  return !(blobs_bound && member.sql_type == "BLOB");
+}
+
+inline bool TermTextLeavesItsQuotes(const DbFilter& term) noexcept {
+  const unsigned int width = term.member->type_meta->type_size;
+  switch (term.op) {
+    case DB_FILTER_OP_EQ: case DB_FILTER_OP_NE: case DB_FILTER_OP_LT:
+    case DB_FILTER_OP_GT: case DB_FILTER_OP_LE: case DB_FILTER_OP_GE:
+    case DB_FILTER_OP_LIKE:
+      return term.value1 != nullptr &&
+             TextLeavesItsQuotes(static_cast<const char*>(term.value1), width);
+    case DB_FILTER_OP_BETWEEN:
+      return (term.value1 != nullptr &&
+              TextLeavesItsQuotes(static_cast<const char*>(term.value1), width)) ||
+             (term.value2 != nullptr &&
+              TextLeavesItsQuotes(static_cast<const char*>(term.value2), width));
+    case DB_FILTER_OP_IN: {
+      const long long count = static_cast<long long>(reinterpret_cast<std::intptr_t>(term.value2));
+      const char* elements = static_cast<const char*>(term.value1);
+      for (long long i = 0; elements != nullptr && i < count; ++i) {
+        if (TextLeavesItsQuotes(elements + i * width, width)) return true;
+      }
+      return false;
+    }
+    default:
+      return false;
+  }
+}
+
+}  // namespace detail
+
+// 0 when no text value of `filters` holds a single quote within what the
+// library reads of it (comparisons, like, both values of between, every
+// element of an in-list; integer members are not texts). Otherwise -1 and
+// one error entry naming the first such member. `blobs_bound`: true for
+// update_item's lists, which bind a BLOB member's value instead of writing
+// it into the statement. Terms the library would refuse (null member or
+// type description) are left to it.
+inline long long CheckFilterTexts(const DbFilters& filters, bool blobs_bound = false) noexcept {
+  for (const DbFilter* term : filters.filters) {
+    if (term == nullptr || term->member == nullptr || term->member->type_meta == nullptr) {
+      continue;
+    }
+    // like reads its value as text over any member.
+    const bool text = term->op == DB_FILTER_OP_LIKE ||
+                      detail::RenderedAsText(*term->member, blobs_bound);
+    if (text && detail::TermTextLeavesItsQuotes(*term)) {
+      detail::LogRefusedText("CheckFilterTexts", term->member->name, 0);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// 0 when no text field of the `count` records at `records`, laid out as
+// `meta` describes (stride type_size), holds a single quote within what the
+// library reads of it; otherwise -1 and one error entry naming the field
+// and the record. BLOB fields are bound, never written into a statement.
+// REQUIRES: `records` holds `count` records (as for add_item).
+inline long long CheckRecordTexts(const Meta& meta, const void* records,
+                                  unsigned long long count) noexcept {
+  const char* base = static_cast<const char*>(records);
+  for (unsigned long long i = 0; base != nullptr && i < count; ++i) {
+    const char* record = base + i * meta.type_size;
+    for (const Member* member : meta.members) {
+      if (member == nullptr || member->type_meta == nullptr ||
+          !detail::RenderedAsText(*member, true)) {
+        continue;
+      }
+      if (detail::TextLeavesItsQuotes(record + member->offset, member->type_meta->type_size)) {
+        detail::LogRefusedText("CheckRecordTexts", member->name, i);
+        return -1;
+      }
+    }
+  }
+  return 0;
+}
+
+// Table::add_item after CheckRecordTexts over the table's description: -1
+// without any statement when a text field holds a quote.
+inline long long AddItemChecked(Table& table, void* records, unsigned long long count,
+                                const DbFilters& columns) noexcept {
+  if (table.meta_data == nullptr ||
+      CheckRecordTexts(*table.meta_data, records, count) != 0) {
+    return -1;
+  }
+  return table.add_item(records, count, columns);
+}
+
+// Table::update_item after CheckFilterTexts over both lists: -1 without any
+// statement when a text value holds a quote.
+inline long long UpdateItemChecked(Table& table, DbFilters& set, DbFilters& where) noexcept {
+  if (CheckFilterTexts(set, true) != 0 || CheckFilterTexts(where, true) != 0) return -1;
+  return table.update_item(set, where);
+}
+
+// Table::rmv_item after CheckFilterTexts over each of the `count` lists.
+inline long long RmvItemChecked(Table& table, DbFilters* lists,
+                                unsigned long long count) noexcept {
+  for (unsigned long long i = 0; lists != nullptr && i < count; ++i) {
+    if (CheckFilterTexts(lists[i]) != 0) return -1;
+  }
+  return table.rmv_item(lists, count);
+}
+
+// Writes `text` (up to its zero byte) into the field `field` of `width`
+// bytes so that it holds no single quote: '&' becomes "&0" and '\'' "&1";
+// every other byte stays. The encoding keeps equality, the order of byte
+// comparison (ORDER BY, <, >, between) and prefixes (like 'abc%', with the
+// prefix encoded the same way). Returns 0, or -1 when the encoded text
+// does not fit in `width` bytes with room for its zero byte (the field is
+// then all zero). Decode with DecodeText.
+inline int EncodeText(const char* text, char* field, std::size_t width) noexcept {
+  if (field == nullptr || width == 0) return -1;
+  std::memset(field, 0, width);
+  std::size_t at = 0;
+  for (const char* c = text; c != nullptr && *c != '\0'; ++c) {
+    const bool escaped = *c == '&' || *c == '\'';
+    const std::size_t need = escaped ? 2 : 1;
+    if (at + need >= width) {
+      std::memset(field, 0, width);
+      return -1;
+    }
+    if (escaped) {
+      field[at++] = '&';
+      field[at++] = *c == '&' ? '0' : '1';
+    } else {
+      field[at++] = *c;
+    }
+  }
+  return 0;
+}
+
+// The text EncodeText wrote into `field` (read up to its zero byte, at most
+// `width` bytes). An '&' followed by anything but '0' or '1' is kept as it
+// is (a field written without the encoding).
+inline std::string DecodeText(const char* field, std::size_t width) {
+  std::string text;
+  for (std::size_t i = 0; field != nullptr && i < width && field[i] != '\0'; ++i) {
+    if (field[i] == '&' && i + 1 < width && (field[i + 1] == '0' || field[i + 1] == '1')) {
+      text += field[i + 1] == '0' ? '&' : '\'';
+      ++i;
+    } else {
+      text += field[i];
+    }
+  }
+  return text;
 }
 
 }  // namespace ipc_db
