@@ -4,7 +4,10 @@
 // that engine's shell) must keep at least the rows the 3.4.1 shell keeps:
 // a newer shell stops its dump of a damaged file with a ROLLBACK and reads
 // a short file as malformed from the first page on, and the repair tool
-// undoes both. The damage is drawn from a seed (printed; set
+// undoes both. It must also keep at least what the tool's dump alone keeps
+// (what it did before it added the rows of the shell's `.recover`), and on
+// 4.6.1, with the table's root damaged, every row of the intact leaves.
+// The damage is drawn from a seed (printed; set
 // IPC_DB_REPAIR_SEED to replay, IPC_DB_REPAIR_KEEP=DIR to keep the damaged
 // files): changed bytes, truncations and zeroed pages at random places. The
 // figures go to results/repair.
@@ -39,13 +42,13 @@ using ipc_db_test::WriteResultJson;
 namespace {
 
 constexpr int kRows = 1000;
+constexpr int kCasesPerDamage = 20;
 
 // The input RepairDB gives the repair tool, and one that asks for the same
 // dump but not in exactly those words: the tool then runs the shell's own
 // dump, as it did for every request before it used `.recover`.
 const char* const kDumpRequest = "echo .dump";
 const char* const kPlainDumpRequest = "printf '.dump\\n\\n'";
-constexpr int kCasesPerDamage = 20;
 
 enum class Damage { kChangedBytes, kTruncated, kZeroedPage };
 const char* const kDamageNames[] = {"changed bytes", "truncated", "zeroed page"};
