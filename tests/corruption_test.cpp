@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "EngineFormat.h"
 #include "ReliabilityTestSupport.h"
 #include "TestEnv.h"
 #include "TestSupport.h"
@@ -259,9 +260,16 @@ TEST_P(CorruptionTest, StatementsQueueAndRepair) {
     EXPECT_EQ(o.rowsAfter, -1);
   } else {
     // A plain file is dumped as far as it can be read: the rows before the
-    // damage (and, for a changed byte, the rows after it) come back.
+    // damage (and, for a changed byte, the rows after it) come back. Where
+    // the engine's shell knows `.recover`, the repair tool adds the rows it
+    // reads page by page: a changed cell count leaves every cell intact,
+    // and all rows come back.
     EXPECT_GT(o.rowsAfter, 0);
-    EXPECT_LT(o.rowsAfter, kRows);
+    if (damage_ == Damage::kTableByte && ipc_db_test::EngineIsSqlcipher4()) {
+      EXPECT_EQ(o.rowsAfter, kRows);
+    } else {
+      EXPECT_LT(o.rowsAfter, kRows);
+    }
     EXPECT_GE(o.rowsAfter, static_cast<long long>(o.rowsRead));
     EXPECT_EQ(o.integrityAfter, "ok");
   }

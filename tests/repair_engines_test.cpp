@@ -4,7 +4,10 @@
 // that engine's shell) must keep at least the rows the 3.4.1 shell keeps:
 // a newer shell stops its dump of a damaged file with a ROLLBACK and reads
 // a short file as malformed from the first page on, and the repair tool
-// undoes both. The damage is drawn from a seed (printed; set
+// undoes both. It must also keep at least what the tool's dump alone keeps
+// (what it did before it added the rows of the shell's `.recover`), and on
+// 4.6.1, with the table's root damaged, every row of the intact leaves.
+// The damage is drawn from a seed (printed; set
 // IPC_DB_REPAIR_SEED to replay, IPC_DB_REPAIR_KEEP=DIR to keep the damaged
 // files): changed bytes, truncations and zeroed pages at random places. The
 // figures go to results/repair.
@@ -13,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <set>
@@ -20,6 +24,7 @@
 #include <vector>
 
 #include "EngineFormat.h"
+#include "PageTrace.h"
 #include "ReliabilityTestSupport.h"
 #include "TestEnv.h"
 #include "TestSupport.h"
@@ -38,6 +43,12 @@ namespace {
 
 constexpr int kRows = 1000;
 constexpr int kCasesPerDamage = 20;
+
+// The input RepairDB gives the repair tool, and one that asks for the same
+// dump but not in exactly those words: the tool then runs the shell's own
+// dump, as it did for every request before it used `.recover`.
+const char* const kDumpRequest = "echo .dump";
+const char* const kPlainDumpRequest = "printf '.dump\\n\\n'";
 
 enum class Damage { kChangedBytes, kTruncated, kZeroedPage };
 const char* const kDamageNames[] = {"changed bytes", "truncated", "zeroed page"};
@@ -78,6 +89,13 @@ std::string Damaged(std::string bytes, Damage damage, std::mt19937& random) {
     }
   }
   return bytes;
+}
+
+void ZeroPage(std::string* bytes, long long page, long long pageSize) {
+  const size_t at = static_cast<size_t>((page - 1) * pageSize);
+  std::fill(bytes->begin() + static_cast<std::ptrdiff_t>(at),
+            bytes->begin() + static_cast<std::ptrdiff_t>(at + static_cast<size_t>(pageSize)),
+            '\0');
 }
 
 // Rows of t_event an application reads back intact from `path`: a
@@ -152,10 +170,10 @@ class RepairEnginesTest : public testing::Test {
   // repair kept on that engine; with this build's engine's own shell, what
   // it kept before the repair tool stood between them.
   long long RowsAfterShell(const std::string& shell, const std::string& bytes,
-                           bool* repaired) {
+                           bool* repaired, const std::string& request = kDumpRequest) {
     WriteBytes(Path("d.db"), bytes);
     std::remove(Path("d.new").c_str());
-    const std::string command = "echo .dump | '" + shell + "' '" + Path("d.db") +
+    const std::string command = request + " | '" + shell + "' '" + Path("d.db") +
                                 "' 2>/dev/null | '" + shell + "' '" + Path("d.new") +
                                 "' >/dev/null 2>&1";
     const int status = std::system(command.c_str());
@@ -192,6 +210,7 @@ TEST_F(RepairEnginesTest, KeepsAtLeastWhatDebiansShellKeeps) {
     long long debian = 0;
     int worse = 0;
     long long bare = 0;
+    long long toolDump = 0;
     int oursRepaired = 0;
     int debianRepaired = 0;
     for (int i = 0; i < kCasesPerDamage; ++i) {
@@ -204,7 +223,12 @@ TEST_F(RepairEnginesTest, KeepsAtLeastWhatDebiansShellKeeps) {
           RowsAfterShell(IPC_DB_DEBIAN_SHELL, bytes, &debianSucceeded);
       bool bareSucceeded = false;
       bare += RowsAfterShell(IPC_DB_SQLCIPHER_SHELL, bytes, &bareSucceeded);
+      bool dumpSucceeded = false;
+      const long long byDump =
+          RowsAfterShell(IPC_DB_BUILT_REPAIR_TOOL, bytes, &dumpSucceeded, kPlainDumpRequest);
       EXPECT_GE(kept, reference) << kDamageNames[kind] << " case " << i << ", seed " << seed_;
+      EXPECT_GE(kept, byDump) << kDamageNames[kind] << " case " << i << ", seed " << seed_;
+      toolDump += byDump;
       // Where the 3.4.1 pipeline succeeded with rows in its file, so does
       // this engine's. (A damaged sqlite_sequence page can make 3.15's dump
       // empty, which reloads without error into an empty file, while 3.46's
@@ -220,9 +244,10 @@ TEST_F(RepairEnginesTest, KeepsAtLeastWhatDebiansShellKeeps) {
       debianRepaired += debianSucceeded ? 1 : 0;
     }
     std::printf("%s: %d files, repaired %d (3.4.1: %d), rows kept %lld (3.4.1: %lld; this "
-                "engine's shell without the tool: %lld) of %d each\n",
+                "engine's shell without the tool: %lld; the tool's plain dump: %lld) of %d "
+                "each\n",
                 kDamageNames[kind], kCasesPerDamage, oursRepaired, debianRepaired, ours, debian,
-                bare, kRows);
+                bare, toolDump, kRows);
     JsonObject json;
     json.Add("engine", ipc_db_test::EngineCipherVersion())
         .Add("damage", kDamageNames[kind])
@@ -234,9 +259,52 @@ TEST_F(RepairEnginesTest, KeepsAtLeastWhatDebiansShellKeeps) {
         .Add("rows_after_repair", ours)
         .Add("rows_after_repair_on_debian_3_4_1", debian)
         .Add("rows_after_bare_shell_of_this_engine", bare)
+        .Add("rows_after_plain_dump_of_the_tool", toolDump)
         .Add("files_worse", worse);
     WriteResultJson("repair", ipc_db_test::ResultName(std::string(kDamageNames[kind])),
                     json.Text());
+  }
+}
+
+// A damaged table root (on a table of this size also its only interior
+// page) cuts every leaf off the table: a dump reads nothing, and
+// `.recover` finds the leaves' rows without their table. On a shell that
+// knows `.recover` the repair puts them back, so it keeps every row on an
+// intact leaf; the second file also loses one leaf.
+TEST_F(RepairEnginesTest, KeepsRowsOfIntactLeavesUnderADamagedRoot) {
+  if (!ipc_db_test::EngineIsSqlcipher4()) {
+    GTEST_SKIP() << "this engine's shell has no .recover: the tool dumps as before";
+  }
+  ipc_db_test::LogCapture log;  // the damaged file's errors are expected
+  const std::string intact = IntactFile();
+  const ipc_db_test::TablePages pages = ipc_db_test::TracePages(Path("intact.db"), "", "t_event");
+  ASSERT_TRUE(pages.ok);
+  ASSERT_EQ(pages.interior.size(), 1u) << "the table's root is its only interior page";
+  ASSERT_GE(pages.leaves.size(), 3u);
+  const long long root = *pages.interior.begin();
+  const long long lostLeaf = *std::next(pages.leaves.begin(), 1);
+  for (bool leafToo : {false, true}) {
+    std::string bytes = intact;
+    ZeroPage(&bytes, root, pages.pageSize);
+    if (leafToo) ZeroPage(&bytes, lostLeaf, pages.pageSize);
+    long long onIntactLeaves = 0;
+    for (const auto& rowAndLeaf : pages.leafOfRowid) {
+      onIntactLeaves += !leafToo || rowAndLeaf.second != lostLeaf ? 1 : 0;
+    }
+    long long repaired = -1;
+    const long long kept = RowsAfterLibraryRepair(bytes, &repaired);
+    bool succeeded = false;
+    const long long byDump =
+        RowsAfterShell(IPC_DB_BUILT_REPAIR_TOOL, bytes, &succeeded, kPlainDumpRequest);
+    const long long byDebian = RowsAfterShell(IPC_DB_DEBIAN_SHELL, bytes, &succeeded);
+    std::printf("root %lld zeroed%s: rows on intact leaves %lld, kept %lld (the tool's plain "
+                "dump: %lld, 3.4.1: %lld)\n",
+                root, leafToo ? (", leaf " + std::to_string(lostLeaf) + " too").c_str() : "",
+                onIntactLeaves, kept, byDump, byDebian);
+    EXPECT_EQ(repaired, 0);
+    EXPECT_EQ(kept, onIntactLeaves);
+    EXPECT_GT(kept, byDump);
+    EXPECT_GT(kept, byDebian);
   }
 }
 

@@ -246,7 +246,12 @@ bool Recorder::OpenDatabase() {
   Stopwatch clock;
   bool retried = false;
   ipc_db::DbState state = ipc_db::DbState::kNotOpen;
-  if (!OpenAndProveKey(figures_.key_generation, &retried, &state)) {
+  bool opened = OpenAndProveKey(figures_.key_generation, &retried, &state);
+  if (!opened && state == ipc_db::DbState::kDamaged) {
+    if (!SalvageDatabase()) return false;
+    opened = OpenAndProveKey(figures_.key_generation, &retried, &state);
+  }
+  if (!opened) {
     return Fail(Format("the key of generation %u does not open %s (%s)",
                        figures_.key_generation, DatabasePath().c_str(),
                        ipc_db::DbStateName(state)));
@@ -258,6 +263,44 @@ bool Recorder::OpenDatabase() {
                                 "the second read every row"
                               : ""),
                clock.Ms());
+  return true;
+}
+
+// The classifier found damage (SQLITE_CORRUPT, or quick_check). The
+// companion header's Salvage copies every row it can still read into a new
+// file with the same key, swaps it in and keeps the damaged original beside
+// it as events.db.damaged; the run then goes on with the new file. RepairDB
+// is no help here: its tool gets no key, and a keyed file comes back empty.
+bool Recorder::SalvageDatabase() {
+  Stopwatch clock;
+  ReleaseDatabase();  // Salvage needs the file closed
+  std::string key = KeyForGeneration(figures_.key_generation);
+  const ipc_db::SalvageResult result = ipc_db::Salvage(directory_, kDatabaseFile, key);
+  std::fill(key.begin(), key.end(), '\0');
+  if (result.status != ipc_db::SalvageStatus::kSalvaged) {
+    return Fail(Format("%s is damaged and its salvage failed (status %d, code %d: %s)",
+                       DatabasePath().c_str(), static_cast<int>(result.status), result.code,
+                       result.detail.c_str()));
+  }
+  std::string tables;
+  long long stretches = 0;
+  for (const ipc_db::SalvageTable& table : result.tables) {
+    tables += Format("%s%s %lld", tables.empty() ? "" : ", ", table.name.c_str(), table.rows);
+    stretches += table.damaged_stretches;
+  }
+  report_.Step("salvage",
+               Format("%s was damaged: salvaged %lld rows (%s), %lld damaged stretches, "
+                      "%lld of %lld pages unreadable; the damaged file kept as %s.damaged",
+                      DatabasePath().c_str(), result.rows(), tables.c_str(), stretches,
+                      result.pages_unreadable, result.pages_in_file,
+                      DatabasePath().c_str()),
+               clock.Ms());
+  if (!result.schema_not_restored.empty()) {
+    report_.Detail(Format("%zu schema entries not made again (the run adds its indexes "
+                          "again)",
+                          result.schema_not_restored.size()));
+  }
+  report_.Detail(result.engine_note);
   return true;
 }
 

@@ -95,6 +95,9 @@ class Recorder {
   // True when it is usable, the database left open; `retried` tells whether
   // the classifier needed a second open, `state` what it found.
   bool OpenAndProveKey(unsigned int generation, bool* retried, ipc_db::DbState* state);
+  // Salvages the damaged database file (closed first); false after a
+  // failure, reported.
+  bool SalvageDatabase();
   void ReleaseDatabase();
   bool Count(DbFilters& filters, long long* count);
   bool CountAll(long long* count);
