@@ -812,8 +812,8 @@ bool Recorder::CloseDatabase() {
   long long result = db_->CloseDB();
   if (result != 0) return Fail(Format("CloseDB returned %lld", result));
   unsigned int status = db_->GetDBStatus();
-  db_.Close();  // UnInit only: the database is closed already
-  report_.Step(label_, Format("CloseDB, status %u (0 = closed), UnInit", status),
+  db_.Close();  // releases the connection: the database is closed already
+  report_.Step(label_, Format("CloseDB, status %u (0 = closed), released", status),
                clock.Ms());
   return true;
 }
@@ -847,10 +847,8 @@ void Recorder::PrintSummary() {
   report_.Plain(
       "        open sets the mode of an existing journal file and there is none");
   report_.Plain(
-      "    \"DB Connection has not exist\"  when UnInit frees a closed connection:");
-  report_.Plain("        the connection's destructor closes once more");
-  report_.Plain(
-      "    \"CloseConnection failed!error:-202\" (twice)  UnInit after CloseDB");
+      "    \"DB Connection has not exist\"  when the connection this run closed with");
+  report_.Plain("        CloseDB is released: its destructor closes once more");
   report_.Plain(
       "    \"VACUUM t_alarm_event; failed ... unknown database\"  table_vacuum");
 }
@@ -893,7 +891,7 @@ bool Recorder::OpenAndProveKey(unsigned int generation, bool* retried,
 void Recorder::ReleaseDatabase() {
   events_.reset();
   config_.reset();
-  db_.Close();  // CloseDB and UnInit when open; nothing when empty
+  db_.Close();  // closes quietly when open; nothing when empty
 }
 
 bool Recorder::Count(DbFilters& filters, long long* count) {
