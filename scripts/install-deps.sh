@@ -6,6 +6,11 @@
 #   test  demo + what the quick test tier builds and runs (GoogleTest,
 #         Google Benchmark, pkg-config for the package test, python3 for the
 #         reports)
+#   cross demo + what a device team's armhf build needs and nothing of the
+#         test tiers: the armhf cross compiler, qemu-arm to run the result,
+#         pkg-config, and what building the pinned SQLCipher 4.6.1 needs
+#         (python3, dpkg-dev, tcl, OpenSSL's headers); the armhf libraries
+#         come from scripts/make-armhf-sysroot.sh
 #   full  test + the full tier's tools (valgrind, clang-14 and its libFuzzer
 #         runtime, the armhf cross compiler and qemu-arm; the armhf libraries
 #         come from scripts/make-armhf-sysroot.sh) and what building the
@@ -15,19 +20,21 @@
 # Tolerates a transient `apt-get update` failure (a mirror that is
 # syncing): the other indexes are still usable.
 #
-# Usage: scripts/install-deps.sh [demo|test|full]   (default: full)
+# Usage: scripts/install-deps.sh [demo|test|cross|full]   (default: full)
 set -euo pipefail
 
 demo=(cmake g++ make libsqlcipher-dev sqlcipher)
 test=("${demo[@]}" libgtest-dev libbenchmark-dev pkg-config python3)
+cross=("${demo[@]}" g++-arm-linux-gnueabihf qemu-user pkg-config python3 dpkg-dev tcl libssl-dev)
 full=("${test[@]}" valgrind clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user
       dpkg-dev tcl libssl-dev)
 
 case "${1:-full}" in
   demo) packages=("${demo[@]}") ;;
   test) packages=("${test[@]}") ;;
+  cross) packages=("${cross[@]}") ;;
   full) packages=("${full[@]}") ;;
-  *) echo "usage: $0 demo|test|full" >&2; exit 2 ;;
+  *) echo "usage: $0 demo|test|cross|full" >&2; exit 2 ;;
 esac
 
 missing=()
