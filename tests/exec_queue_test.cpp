@@ -79,6 +79,8 @@ TEST_F(ExecQueueTest, QueuedStatementIsNotRun) {
   EXPECT_EQ(conn_->ExecuteSQL("insert into t values('later');", nullptr, DB_EXEC_SQL_ASYNC), 0);
   EXPECT_TRUE(sql.Statements().empty());
   EXPECT_EQ(QueryText(db_, "select count(*) from t;"), "0");
+  // The capture lets go of the handle before the close frees it.
+  sql.Detach();
   // Closing does not empty the queue.
   ASSERT_EQ(conn_->CloseConnection(), 0);
   EXPECT_EQ(ExecItems(conn_.get()).size(), 1u);
