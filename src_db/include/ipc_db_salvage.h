@@ -640,23 +640,32 @@ class TableReader {
 // With `image` (room for `pages` pages of `pageSize` bytes, zeroed), each
 // page that reads is copied to its place. -1 when the engine has no
 // sqlite_dbpage.
+// SQLCipher answers a page that fails its check with zeros and fails the
+// next page read of the same transaction instead; so each page is read in
+// a transaction of its own followed by a read of page 1.
 inline long long ReadPages(sqlite3* db, long long pages, long long pageSize,
                            unsigned char* image) {
   Statement page(db, "SELECT data FROM sqlite_dbpage WHERE pgno = ?1;");
-  if (!page.ok()) return -1;
+  Statement check(db, "SELECT length(data) FROM sqlite_dbpage WHERE pgno = 1;");
+  if (!page.ok() || !check.ok()) return -1;
   long long failed = 0;
   for (long long number = 1; number <= pages; ++number) {
+    sqlite3_exec(db, "BEGIN;", nullptr, nullptr, nullptr);
     sqlite3_bind_int64(page.get(), 1, number);
-    const int rc = sqlite3_step(page.get());
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) ++failed;
-    if (rc == SQLITE_ROW && image != nullptr) {
+    const bool read = sqlite3_step(page.get()) == SQLITE_ROW;
+    const bool checked = sqlite3_step(check.get()) == SQLITE_ROW;
+    if (!read || !checked) {
+      ++failed;
+    } else if (image != nullptr) {
       const long long length = std::min<long long>(sqlite3_column_bytes(page.get(), 0), pageSize);
       const void* data = sqlite3_column_blob(page.get(), 0);
       if (data != nullptr && length > 0) {
         std::memcpy(image + (number - 1) * pageSize, data, static_cast<size_t>(length));
       }
     }
-    sqlite3_reset(page.get());  // ends the read: a failed page does not fail the next
+    sqlite3_reset(page.get());
+    sqlite3_reset(check.get());
+    sqlite3_exec(db, "ROLLBACK;", nullptr, nullptr, nullptr);  // a failed page fails no other
   }
   return failed;
 }
