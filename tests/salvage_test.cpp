@@ -310,6 +310,11 @@ class SalvageTest : public testing::Test {
     const DamagedFile damaged = Damaged(intact, damage, random);
     for (const char* name : {"s.db", "s.db.damaged", "s.db.salvage"}) std::remove(Path(name).c_str());
     WriteBytes(Path(), damaged.bytes);
+    // What the engine shell's .recover gives on the same file (4.x).
+    const long long eventsByRecover =
+        EngineIsSqlcipher4() ? RowsByShellRecover(Path(), key, "t_event") : -1;
+    const long long notesByRecover =
+        EngineIsSqlcipher4() ? RowsByShellRecover(Path(), key, "t_note") : -1;
     const ipc_db::SalvageResult result = ipc_db::Salvage(dir_.Path(), kFile, key);
     EXPECT_EQ(result.status, ipc_db::SalvageStatus::kSalvaged) << result.detail;
     const ipc_db::SalvageTable* events = TableOf(result, "t_event");
@@ -317,6 +322,8 @@ class SalvageTest : public testing::Test {
     EXPECT_TRUE(events != nullptr && events->copied);
     EXPECT_TRUE(notes != nullptr && notes->copied);
     if (events == nullptr || notes == nullptr) return "{}";
+    EXPECT_GE(events->rows, eventsByRecover);
+    EXPECT_GE(notes->rows, notesByRecover);
 
     // The original beside the new file, byte for byte; no leftovers.
     EXPECT_EQ(ReadFileBytes(Path("s.db.damaged")), damaged.bytes);
@@ -357,10 +364,11 @@ class SalvageTest : public testing::Test {
     EXPECT_LE(result.pages_unreadable, result.pages_in_file);
 
     std::printf("salvage_test: %s %s, %s: written %d, on intact leaves %zu, back of those %lld, "
-                "rows back %lld, stretches %lld, range reads %lld%s, pages unreadable %lld of "
-                "%lld\n",
+                "rows back %lld (%lld by page reads, %lld by the shell's .recover), stretches %lld, "
+                "range reads %lld%s, pages unreadable %lld of %lld\n",
                 EngineCipherVersion().c_str(), keyed ? "keyed" : "plain", DamageName(damage),
-                kRows, expected.size(), intactBack, events->rows, events->damaged_stretches,
+                kRows, expected.size(), intactBack, events->rows, events->rows_from_pages,
+                eventsByRecover, events->damaged_stretches,
                 events->range_reads, events->budget_reached ? " (budget reached)" : "",
                 result.pages_unreadable, result.pages_in_file);
     JsonObject json;
@@ -370,6 +378,9 @@ class SalvageTest : public testing::Test {
         .Add("rows_on_intact_leaves", static_cast<long long>(expected.size()))
         .Add("intact_rows_recovered", intactBack)
         .Add("rows_recovered", events->rows)
+        .Add("rows_by_page_reads", events->rows_from_pages)
+        .Add("rows_by_shell_recover", eventsByRecover)
+        .Add("rows_unattributed", result.rows_unattributed)
         .Add("damaged_stretches", events->damaged_stretches)
         .Add("range_reads", events->range_reads)
         .Add("budget_reached", events->budget_reached)

@@ -749,12 +749,16 @@ inline std::vector<std::pair<std::string, sqlite3_int64>> ReadSequences(sqlite3*
   return sequences;
 }
 
-// Raises the new file's counters to the old ones, so that no id is given
-// out twice. SQLite's code of a failed write.
+// Sets the new file's counters to the old ones, so that no id is given
+// out twice: the rows put in under their own rowids moved each counter to
+// its table's highest rowid; an old counter above that takes its place,
+// one below it (a damaged record's rowid, found page by page) is set back,
+// SQLite giving out ids above both the counter and the highest rowid.
+// SQLite's code of a failed write.
 inline int CopySequences(sqlite3* to,
                          const std::vector<std::pair<std::string, sqlite3_int64>>& sequences) {
   if (sequences.empty()) return SQLITE_OK;
-  Statement update(to, "UPDATE main.sqlite_sequence SET seq = ?2 WHERE name = ?1 AND seq < ?2;");
+  Statement update(to, "UPDATE main.sqlite_sequence SET seq = ?2 WHERE name = ?1;");
   Statement insert(to,
                    "INSERT INTO main.sqlite_sequence (name, seq) SELECT ?1, ?2 WHERE NOT "
                    "EXISTS (SELECT 1 FROM main.sqlite_sequence WHERE name = ?1);");
@@ -1016,14 +1020,15 @@ inline bool ShapeOf(sqlite3* db, const std::string& table, TableShape* shape) {
 }
 
 // Adds the rows of one table that the page reads found and the new file
-// lacks (same rowid: the range read's row stays). SQLite's code of a
-// failed insert, else SQLITE_OK.
+// lacks (same rowid: the range read's row stays). All of them, as the
+// shell's .recover keeps them: on a plain file a damaged record can give a
+// rowid above the AUTOINCREMENT counter, which the counter then keeps as
+// it was (CopySequences). SQLite's code of a failed insert, else SQLITE_OK.
 inline int AddFoundRows(sqlite3* found, sqlite3* to, const std::string& table,
                         const TableShape& shape) {
   Statement rows(found, "SELECT " + ColumnList(shape.columns) + " FROM main." +
-                            QuotedName(table) + " WHERE " + shape.columns.rowid + " <= ?1;");
+                            QuotedName(table) + ";");
   if (!rows.ok()) return SQLITE_OK;  // the walk found no such table
-  sqlite3_bind_int64(rows.get(), 1, shape.highest);
   RowCopier copier(to, table, shape.columns);
   if (!copier.ok()) return SQLITE_OK;
   std::vector<sqlite3_value*> values(shape.columns.names.size() + 1);
