@@ -1,4 +1,5 @@
-# Packaging of libipc_db in two install components. Runtime is what goes on
+# Packaging of libipc_db in two install components (three with Salvage,
+# below). Runtime is what goes on
 # the device: libipc_db.so.1 and libipc_platform.so.1 (their versioned
 # files), nothing else. Development is what an application's build needs:
 # the public headers and the platform stand-ins' headers in include/ipc_db,
@@ -24,6 +25,16 @@ install(TARGETS ipc_db ipc_platform EXPORT ipc_dbTargets
     COMPONENT Runtime NAMELINK_COMPONENT Development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+
+# The page-by-page reader of Salvage(), when built (component Salvage): a
+# static library linked into the application, with a CMake file of its own
+# that ipc_dbConfig.cmake includes when present.
+if(TARGET ipc_db_salvage)
+  install(TARGETS ipc_db_salvage EXPORT ipc_dbSalvageTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Salvage)
+  install(EXPORT ipc_dbSalvageTargets NAMESPACE ipc_db:: FILE ipc_dbSalvageTargets.cmake
+          DESTINATION ${IPC_DB_INSTALL_CMAKEDIR} COMPONENT Salvage)
+endif()
 
 # The repair tool, on request only (component RepairTool): bin/sqlite3, the
 # command RepairDB runs, over the device's sqlcipher shell

@@ -13,11 +13,18 @@ for Debian bookworm's libsqlcipher.so.0).
 The build uses the flags of Debian's package (debian/rules: its CFLAGS list
 and configure options, hardening from dpkg-buildflags) plus
 SQLCIPHER_OMIT_DEFAULT_LOGGING, so the engine writes nothing to stderr on its
-own. Targets:
+own, and SQLITE_ENABLE_DBPAGE_VTAB, the sqlite_dbpage table through which
+ipc_db::Salvage reads a damaged file page by page (SQLite's recovery
+extension needs it, and so does the shell's .recover). The recovery
+extension's sources (ext/recover: sqlite3recover.c, sqlite3recover.h,
+dbdata.c) are installed beside the engine in share/sqlcipher/recover, where
+the library's build finds them for its companion target ipc_db::salvage.
+Targets:
   host   installed under build/engines/sqlcipher-4.6.1/host (a normal
-         prefix: bin/sqlcipher, include/sqlcipher/sqlite3.h, lib/, pkgconfig)
+         prefix: bin/sqlcipher, include/sqlcipher/sqlite3.h, lib/, pkgconfig,
+         share/sqlcipher/recover)
   armhf  cross-built against the armhf sysroot's OpenSSL and installed as a
-         root folder (usr/include, usr/lib, usr/bin) under
+         root folder (usr/include, usr/lib, usr/bin, usr/share) under
          build/engines/sqlcipher-4.6.1/armhf
 A target is rebuilt only when its inputs (this script, the version, the
 compiler) changed; otherwise the script says so and exits.
@@ -51,6 +58,9 @@ DEBIAN_CFLAGS = [
     "-DSQLITE_HAS_CODEC", "-DHAVE_USLEEP=1",
 ]
 QUIET_CFLAGS = ["-DSQLCIPHER_OMIT_DEFAULT_LOGGING"]
+# The sqlite_dbpage table: page-by-page reads for salvage and .recover.
+PAGE_CFLAGS = ["-DSQLITE_ENABLE_DBPAGE_VTAB"]
+RECOVERY_SOURCES = ["sqlite3recover.c", "sqlite3recover.h", "dbdata.c"]
 DEBIAN_CONFIGURE = [
     "--enable-threadsafe", "--enable-load-extension", "--enable-tempstore",
     "--enable-fts4", "--enable-fts5", "--enable-json", "--disable-tcl",
@@ -149,7 +159,7 @@ def buildflags(name):
 
 
 def configure_command(target, source, sysroot):
-    cflags = buildflags("CFLAGS") + DEBIAN_CFLAGS + QUIET_CFLAGS
+    cflags = buildflags("CFLAGS") + DEBIAN_CFLAGS + QUIET_CFLAGS + PAGE_CFLAGS
     ldflags = buildflags("LDFLAGS")
     command = [source / "configure", *DEBIAN_CONFIGURE]
     if target == "host":
@@ -171,6 +181,14 @@ def compiler_identity(target):
     compiler = "gcc" if target == "host" else f"{ARMHF}-gcc"
     return subprocess.run([compiler, "--version"], check=True, text=True,
                           capture_output=True).stdout.splitlines()[0]
+
+
+def install_recovery_sources(source, prefix):
+    """Copies the recovery extension's sources to <prefix>/share/sqlcipher/recover."""
+    folder = prefix / "share" / "sqlcipher" / "recover"
+    folder.mkdir(parents=True, exist_ok=True)
+    for name in RECOVERY_SOURCES:
+        shutil.copy2(source / "ext" / "recover" / name, folder / name)
 
 
 def build(target, sysroot, jobs):
@@ -196,6 +214,7 @@ def build(target, sysroot, jobs):
     run(["make", f"-j{jobs}"], cwd=work, env=env, stdout=subprocess.DEVNULL)
     destination = [] if target == "host" else [f"DESTDIR={prefix}"]
     run(["make", "install", *destination], cwd=work, env=env, stdout=subprocess.DEVNULL)
+    install_recovery_sources(source, prefix if target == "host" else prefix / "usr")
     stamp.write_text(inputs)
     say(f"{target}: SQLCipher {VERSION} installed in {prefix}")
 

@@ -5,18 +5,37 @@
 // same key, and puts the new file under the database's name, keeping the
 // damaged original beside it as <file>.damaged.
 //
-// How rows are found. Every engine the library runs on can seek a table's
-// B-tree by rowid, and a seek goes from the root through interior pages to
-// one leaf; a damaged leaf fails only the seeks that end on it. So each
-// table is read in rowid ranges: forward from the start of a range until a
-// read fails, backward from its end until a read fails, then the unread
-// middle is split in two and each half is read the same way, nearest to
-// rows already read first. Every row on an intact leaf whose path from the
-// root is intact is reached (a damaged record costs only itself), within a
-// budget of range reads per table that bounds the time spent on rowids far
-// from any readable row. A row under a damaged interior page is not
-// reached: that needs a page-by-page reader (SQLite's recovery extension),
-// which SQLite 3.15 lacks and this header does not compile in.
+// How rows are found, first way: rowid ranges. Every engine the library
+// runs on can seek a table's B-tree by rowid, and a seek goes from the root
+// through interior pages to one leaf; a damaged leaf fails only the seeks
+// that end on it. So each table is read in rowid ranges: forward from the
+// start of a range until a read fails, backward from its end until a read
+// fails, then the unread middle is split in two and each half is read the
+// same way, nearest to rows already read first. Every row on an intact leaf
+// whose path from the root is intact is reached (a damaged record costs
+// only itself), within a budget of range reads per table that bounds the
+// time spent on rowids far from any readable row.
+//
+// Second way: page by page, when the program links ipc_db::salvage (which
+// defines IPC_DB_SALVAGE_PAGE_READS and holds SQLite's recovery extension,
+// built from the sources installed with the engine) and the engine has the
+// sqlite_dbpage table (SQLITE_ENABLE_DBPAGE_VTAB; the pinned SQLCipher
+// 4.6.1 has it, SQLite 3.15 has neither). Every page of the damaged file is
+// read through sqlite_dbpage (a keyed file's pages come back decrypted; a
+// page that does not read, counted in pages_unreadable, becomes zeros) into
+// an image in memory, and the recovery extension walks that image as the
+// shell's .recover does, into a scratch database in memory. Rows it finds
+// that the range reads did not are added, by rowid (the union of both
+// ways, so no table gets fewer rows than either alone). Rows of a table
+// that the walk from its root cannot reach (under a damaged interior page
+// or table root) end up on pages no table claims; each group of such pages
+// is given to the one table whose shape its rows fit (field count, NULL in
+// the INTEGER PRIMARY KEY column, no number in a text column, rowids at or
+// below an AUTOINCREMENT counter). A group that fits no table or several is
+// not written anywhere: its rows are counted in rows_unattributed. Memory:
+// the image (the file's size) plus the rows found, while Salvage runs.
+// A plain file's damaged page can give rows with damaged values; the range
+// reads' rows, checked by the B-tree, take precedence for each rowid.
 //
 // The swap. The new file <file>.salvage is written in one transaction,
 // synced, and its directory synced. Then the original gets a second name,
@@ -51,6 +70,22 @@
 // the same on every engine.
 extern "C" int sqlite3_key(sqlite3* db, const void* key, int length);
 
+#if defined(IPC_DB_SALVAGE_PAGE_READS)
+// SQLite's recovery extension, compiled into ipc_db::salvage.
+extern "C" {
+typedef struct sqlite3_recover sqlite3_recover;
+sqlite3_recover* sqlite3_recover_init_sql(sqlite3* db, const char* schema,
+                                          int (*sql)(void* context, const char* statement),
+                                          void* context);
+int sqlite3_recover_config(sqlite3_recover* recover, int option, void* argument);
+int sqlite3_recover_run(sqlite3_recover* recover);
+int sqlite3_recover_finish(sqlite3_recover* recover);
+}
+#define IPC_DB_SALVAGE_READERS ranges_and_pages
+#else
+#define IPC_DB_SALVAGE_READERS ranges_only
+#endif
+
 namespace ipc_db {
 
 enum class SalvageStatus : int {
@@ -73,6 +108,8 @@ struct SalvageTable {
   std::string name;
   // Rows written into the new file.
   long long rows = 0;
+  // Of those, rows only the page-by-page reads found (0 without them).
+  long long rows_from_pages = 0;
   // Runs of rowids between rows read where a read failed: each is at least
   // one damaged page or record.
   long long damaged_stretches = 0;
@@ -105,8 +142,12 @@ struct SalvageResult {
   // (each page carries its own authentication code); on a plain file only a
   // page the storage cannot read, the damage of a plain page being found by
   // the B-tree checks (damaged_stretches). -1 on an engine without
-  // page-by-page reads (SQLite 3.15).
+  // page-by-page reads (SQLite 3.15, an engine without sqlite_dbpage, or a
+  // program that does not link ipc_db::salvage).
   long long pages_unreadable = -1;
+  // Rows the page-by-page reads found on pages no table claims and that
+  // fit no single table: not written. -1 without page-by-page reads.
+  long long rows_unattributed = -1;
 
   long long rows() const {
     long long total = 0;
@@ -594,32 +635,69 @@ class TableReader {
 
 // ---- The salvage, step by step ----
 
-// Pages of `db` whose read fails, through the sqlite_dbpage table; -1 when
-// the engine has none.
-inline long long UnreadablePages(sqlite3* db, long long pages) {
-  Statement page(db, "SELECT length(data) FROM sqlite_dbpage WHERE pgno = ?1;");
-  if (!page.ok()) return -1;
+// Reads pages 1..`pages` of `db` through the sqlite_dbpage table (a keyed
+// file's pages come back decrypted) and counts those whose read fails.
+// With `image` (room for `pages` pages of `pageSize` bytes, zeroed), each
+// page that reads is copied to its place. -1 when the engine has no
+// sqlite_dbpage.
+// SQLCipher answers a page that fails its check with zeros and fails the
+// next page read of the same transaction instead; so each page is read in
+// a transaction of its own followed by a read of page 1.
+inline long long ReadPages(sqlite3* db, long long pages, long long pageSize,
+                           unsigned char* image) {
+  Statement page(db, "SELECT data FROM sqlite_dbpage WHERE pgno = ?1;");
+  Statement check(db, "SELECT length(data) FROM sqlite_dbpage WHERE pgno = 1;");
+  if (!page.ok() || !check.ok()) return -1;
   long long failed = 0;
   for (long long number = 1; number <= pages; ++number) {
+    sqlite3_exec(db, "BEGIN;", nullptr, nullptr, nullptr);
     sqlite3_bind_int64(page.get(), 1, number);
-    const int rc = sqlite3_step(page.get());
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) ++failed;
+    const bool read = sqlite3_step(page.get()) == SQLITE_ROW;
+    const bool checked = sqlite3_step(check.get()) == SQLITE_ROW;
+    if (!read || !checked) {
+      ++failed;
+    } else if (image != nullptr) {
+      const long long length = std::min<long long>(sqlite3_column_bytes(page.get(), 0), pageSize);
+      const void* data = sqlite3_column_blob(page.get(), 0);
+      if (data != nullptr && length > 0) {
+        std::memcpy(image + (number - 1) * pageSize, data, static_cast<size_t>(length));
+      }
+    }
     sqlite3_reset(page.get());
+    sqlite3_reset(check.get());
+    sqlite3_exec(db, "ROLLBACK;", nullptr, nullptr, nullptr);  // a failed page fails no other
   }
   return failed;
 }
 
-inline std::string EngineNote(bool pageReads) {
-  std::string note = "rows found by rowid ranges through the intact B-tree pages; ";
-  if (sqlite3_libversion_number() < 3044000) {
-    note += "SQLite " + std::string(sqlite3_libversion()) +
-            " has no recovery API: rows under a damaged interior page are not reached";
-  } else {
-    note += "SQLite " + std::string(sqlite3_libversion()) +
-            "'s recovery extension is not compiled in: rows under a damaged interior page "
-            "are not reached";
+inline long long UnreadablePages(sqlite3* db, long long pages) {
+  return ReadPages(db, pages, 0, nullptr);
+}
+
+// Why the page-by-page reads did not run, for the engine note.
+enum class PageReads { kDone, kNotLinked, kNoPageTable, kFailed };
+
+inline std::string EngineNote(PageReads reads, int code = SQLITE_OK) {
+  const std::string engine = "SQLite " + std::string(sqlite3_libversion());
+  if (reads == PageReads::kDone) {
+    return "rows found by rowid ranges through the intact B-tree pages and page by page with " +
+           engine + "'s recovery extension: rows under a damaged interior page or table root "
+           "are found too; rows on pages no table claims that fit no single table are counted "
+           "in rows_unattributed, not written";
   }
-  if (!pageReads) note += "; no page-by-page reads: unreadable pages not counted";
+  std::string note = "rows found by rowid ranges through the intact B-tree pages; ";
+  if (sqlite3_libversion_number() < 3040000) {
+    note += engine + " has no recovery API: rows under a damaged interior page are not reached";
+  } else if (reads == PageReads::kNotLinked) {
+    note += "the page-by-page reader (ipc_db::salvage, SQLite's recovery extension) is not "
+            "linked: rows under a damaged interior page are not reached";
+  } else if (reads == PageReads::kNoPageTable) {
+    note += engine + " has no sqlite_dbpage table (built without SQLITE_ENABLE_DBPAGE_VTAB): "
+            "rows under a damaged interior page are not reached";
+  } else {
+    note += "the page-by-page reads failed (SQLite code " + std::to_string(code) +
+            "): rows under a damaged interior page are not reached";
+  }
   return note;
 }
 
@@ -671,12 +749,16 @@ inline std::vector<std::pair<std::string, sqlite3_int64>> ReadSequences(sqlite3*
   return sequences;
 }
 
-// Raises the new file's counters to the old ones, so that no id is given
-// out twice. SQLite's code of a failed write.
+// Sets the new file's counters to the old ones, so that no id is given
+// out twice: the rows put in under their own rowids moved each counter to
+// its table's highest rowid; an old counter above that takes its place,
+// one below it (a damaged record's rowid, found page by page) is set back,
+// SQLite giving out ids above both the counter and the highest rowid.
+// SQLite's code of a failed write.
 inline int CopySequences(sqlite3* to,
                          const std::vector<std::pair<std::string, sqlite3_int64>>& sequences) {
   if (sequences.empty()) return SQLITE_OK;
-  Statement update(to, "UPDATE main.sqlite_sequence SET seq = ?2 WHERE name = ?1 AND seq < ?2;");
+  Statement update(to, "UPDATE main.sqlite_sequence SET seq = ?2 WHERE name = ?1;");
   Statement insert(to,
                    "INSERT INTO main.sqlite_sequence (name, seq) SELECT ?1, ?2 WHERE NOT "
                    "EXISTS (SELECT 1 FROM main.sqlite_sequence WHERE name = ?1);");
@@ -822,13 +904,274 @@ inline int ErrorCodeOf(sqlite3* db, int rc) {
   return db == nullptr ? rc : sqlite3_extended_errcode(db);
 }
 
+#if defined(IPC_DB_SALVAGE_PAGE_READS)
+// ---- Page-by-page reads (SQLite's recovery extension) ----
+
+constexpr int kRecoverLostAndFound = 1;  // SQLITE_RECOVER_LOST_AND_FOUND
+// The scratch database's table of rows on pages no table claims: rootpgno,
+// pgno, nfield, id, then the fields c0, c1, ...
+constexpr const char* kOrphanTable = "ipc_db_salvage_orphans";
+
+// Copies every page of `from` that reads into an image in memory, opened
+// as `image` (a page that does not read stays zeros). SQLITE_OK, or
+// SQLITE_NOTFOUND when the engine has no sqlite_dbpage.
+inline int LoadImage(sqlite3* from, SalvageResult* result, Connection* image) {
+  const long long pageSize = IntOf(from, "PRAGMA page_size;", 0);
+  const sqlite3_int64 size = static_cast<sqlite3_int64>(pageSize * result->pages_in_file);
+  if (pageSize <= 0 || size <= 0) return SQLITE_CORRUPT;
+  unsigned char* bytes = static_cast<unsigned char*>(sqlite3_malloc64(static_cast<sqlite3_uint64>(size)));
+  if (bytes == nullptr) return SQLITE_NOMEM;
+  std::memset(bytes, 0, static_cast<size_t>(size));
+  result->pages_unreadable = ReadPages(from, result->pages_in_file, pageSize, bytes);
+  if (result->pages_unreadable < 0) {
+    sqlite3_free(bytes);
+    return SQLITE_NOTFOUND;
+  }
+  // Page 1 of a keyed file starts with its salt; the image is a plain file.
+  std::memcpy(bytes, "SQLite format 3", 16);
+  int code = sqlite3_open(":memory:", image->out());
+  if (code != SQLITE_OK) {
+    sqlite3_free(bytes);
+    return code;
+  }
+  return sqlite3_deserialize(image->get(), "main", bytes, size, size,
+                             SQLITE_DESERIALIZE_FREEONCLOSE);  // frees `bytes` on failure too
+}
+
+// Runs each statement of the recovery in the scratch database.
+struct RecoverySink {
+  sqlite3* found;
+  int code;
+};
+
+inline int RunRecoveredStatement(void* context, const char* statement) {
+  RecoverySink* sink = static_cast<RecoverySink*>(context);
+  const int rc = sqlite3_exec(sink->found, statement, nullptr, nullptr, nullptr);
+  if (rc == SQLITE_NOMEM || rc == SQLITE_FULL) {
+    sink->code = rc;
+    return rc;  // stops the recovery
+  }
+  return SQLITE_OK;  // a statement the scratch database refuses costs only itself
+}
+
+// Walks the image page by page into `found` (an in-memory database).
+inline int Recover(sqlite3* image, Connection* found) {
+  int code = sqlite3_open(":memory:", found->out());
+  if (code != SQLITE_OK) return code;
+  RecoverySink sink{found->get(), SQLITE_OK};
+  sqlite3_recover* recover = sqlite3_recover_init_sql(image, "main", RunRecoveredStatement, &sink);
+  if (recover == nullptr) return SQLITE_NOMEM;
+  sqlite3_recover_config(recover, kRecoverLostAndFound,
+                         const_cast<char*>(kOrphanTable));
+  sqlite3_recover_run(recover);
+  code = sqlite3_recover_finish(recover);
+  sqlite3_exec(found->get(), "COMMIT;", nullptr, nullptr, nullptr);  // when it stopped midway
+  return sink.code != SQLITE_OK ? sink.code : code;
+}
+
+// Reads the damaged file page by page into `found`; sets pages_unreadable
+// and rows_unattributed's start. The engine note says what happened.
+inline PageReads ReadByPages(sqlite3* from, SalvageResult* result, Connection* found, int* code) {
+  Connection image;
+  *code = LoadImage(from, result, &image);
+  if (*code == SQLITE_NOTFOUND) return PageReads::kNoPageTable;
+  if (*code == SQLITE_OK) *code = Recover(image.get(), found);
+  if (*code != SQLITE_OK && found->get() == nullptr) return PageReads::kFailed;
+  result->rows_unattributed = 0;
+  return *code == SQLITE_OK ? PageReads::kDone : PageReads::kFailed;
+}
+
+// A table of the new file as the page reads see it.
+struct TableShape {
+  TableColumns columns;
+  int integer_key = -1;            // the INTEGER PRIMARY KEY column, or -1
+  std::vector<bool> text;          // columns of text affinity
+  sqlite3_int64 highest = kMaxRowid;
+  SalvageTable* figures = nullptr;
+};
+
+inline bool HasTextAffinity(const std::string& type) {
+  std::string upper;
+  for (char c : type) upper += static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
+  if (upper.find("INT") != std::string::npos) return false;
+  return upper.find("CHAR") != std::string::npos || upper.find("CLOB") != std::string::npos ||
+         upper.find("TEXT") != std::string::npos;
+}
+
+// The shape of `table` in `db`; false when it is not a rowid table there.
+inline bool ShapeOf(sqlite3* db, const std::string& table, TableShape* shape) {
+  shape->columns = ColumnsOf(db, table);
+  if (shape->columns.names.empty() || shape->columns.rowid.empty()) return false;
+  Statement rowid(db, "SELECT " + shape->columns.rowid + " FROM main." + QuotedName(table) +
+                          " LIMIT 0;");
+  if (!rowid.ok()) return false;  // WITHOUT ROWID
+  Statement info(db, "PRAGMA main.table_info(" + QuotedName(table) + ");");
+  int keys = 0, key = -1;
+  while (info.ok() && sqlite3_step(info.get()) == SQLITE_ROW) {
+    const std::string type = ColumnText(info.get(), 2);
+    shape->text.push_back(HasTextAffinity(type));
+    if (sqlite3_column_int(info.get(), 5) > 0) {
+      ++keys;
+      if (sqlite3_stricmp(type.c_str(), "INTEGER") == 0) key = sqlite3_column_int(info.get(), 0);
+    }
+  }
+  shape->integer_key = keys == 1 ? key : -1;
+  return true;
+}
+
+// Adds the rows of one table that the page reads found and the new file
+// lacks (same rowid: the range read's row stays). All of them, as the
+// shell's .recover keeps them: on a plain file a damaged record can give a
+// rowid above the AUTOINCREMENT counter, which the counter then keeps as
+// it was (CopySequences). SQLite's code of a failed insert, else SQLITE_OK.
+inline int AddFoundRows(sqlite3* found, sqlite3* to, const std::string& table,
+                        const TableShape& shape) {
+  Statement rows(found, "SELECT " + ColumnList(shape.columns) + " FROM main." +
+                            QuotedName(table) + ";");
+  if (!rows.ok()) return SQLITE_OK;  // the walk found no such table
+  RowCopier copier(to, table, shape.columns);
+  if (!copier.ok()) return SQLITE_OK;
+  std::vector<sqlite3_value*> values(shape.columns.names.size() + 1);
+  while (sqlite3_step(rows.get()) == SQLITE_ROW) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      values[i] = sqlite3_column_value(rows.get(), static_cast<int>(i));
+    }
+    const int code = copier.Copy(values);
+    if (code != SQLITE_OK) return code;
+  }
+  shape.figures->rows += copier.copied();
+  shape.figures->rows_from_pages += copier.copied();
+  return SQLITE_OK;
+}
+
+// Fields c0, c1, ... of the orphan table.
+inline int OrphanFields(sqlite3* found) {
+  return static_cast<int>(IntOf(found, std::string("SELECT count(*) - 4 FROM pragma_table_info('") +
+                                           kOrphanTable + "');", 0));
+}
+
+// An SQL condition true for an orphan row that fits `shape`.
+inline std::string FitsCondition(const TableShape& shape, int fields) {
+  const int columns = static_cast<int>(shape.columns.names.size());
+  std::string fits = "(nfield BETWEEN 1 AND " + std::to_string(columns) + " AND id <= " +
+                     std::to_string(shape.highest);
+  for (int i = 0; i < columns && i < fields; ++i) {
+    const std::string field = "c" + std::to_string(i);
+    if (i == shape.integer_key) fits += " AND " + field + " IS NULL";
+    if (shape.text[static_cast<size_t>(i)] && i != shape.integer_key) {
+      fits += " AND typeof(" + field + ") NOT IN ('integer', 'real')";
+    }
+  }
+  return fits + ")";
+}
+
+// The root page of each orphan group whose every row fits `shape`.
+inline std::vector<sqlite3_int64> GroupsFitting(sqlite3* found, const TableShape& shape,
+                                                int fields) {
+  std::vector<sqlite3_int64> groups;
+  Statement query(found, std::string("SELECT rootpgno FROM ") + kOrphanTable +
+                             " WHERE id IS NOT NULL GROUP BY rootpgno HAVING count(*) = sum(" +
+                             FitsCondition(shape, fields) + ");");
+  while (query.ok() && sqlite3_step(query.get()) == SQLITE_ROW) {
+    groups.push_back(sqlite3_column_int64(query.get(), 0));
+  }
+  return groups;
+}
+
+// Writes the rows of orphan group `root` into the table of `shape`, the
+// INTEGER PRIMARY KEY column taking the rowid.
+inline int AddGroup(sqlite3* found, sqlite3* to, const std::string& table,
+                    const TableShape& shape, sqlite3_int64 root, int fields) {
+  std::string select = "SELECT id";
+  const int columns = static_cast<int>(shape.columns.names.size());
+  for (int i = 0; i < columns; ++i) {
+    select += i == shape.integer_key ? std::string(", id")
+              : i < fields           ? ", c" + std::to_string(i)
+                                     : std::string(", NULL");
+  }
+  Statement rows(found, select + " FROM " + kOrphanTable +
+                            " WHERE id IS NOT NULL AND rootpgno = ?1 ORDER BY id;");
+  if (!rows.ok()) return SQLITE_OK;
+  sqlite3_bind_int64(rows.get(), 1, root);
+  RowCopier copier(to, table, shape.columns);
+  if (!copier.ok()) return SQLITE_OK;
+  std::vector<sqlite3_value*> values(static_cast<size_t>(columns) + 1);
+  while (sqlite3_step(rows.get()) == SQLITE_ROW) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      values[i] = sqlite3_column_value(rows.get(), static_cast<int>(i));
+    }
+    const int code = copier.Copy(values);
+    if (code != SQLITE_OK) return code;
+  }
+  shape.figures->rows += copier.copied();
+  shape.figures->rows_from_pages += copier.copied();
+  return SQLITE_OK;
+}
+
+// Gives each orphan group that fits exactly one table to that table; the
+// rows of the other groups are counted in rows_unattributed.
+inline int AddOrphans(sqlite3* found, sqlite3* to, const std::map<std::string, TableShape>& shapes,
+                      SalvageResult* result) {
+  const int fields = OrphanFields(found);
+  if (fields <= 0) return SQLITE_OK;
+  std::map<sqlite3_int64, std::vector<const std::string*>> fitting;
+  for (const auto& shape : shapes) {
+    for (sqlite3_int64 root : GroupsFitting(found, shape.second, fields)) {
+      fitting[root].push_back(&shape.first);
+    }
+  }
+  long long placed = 0;
+  Statement size(found, std::string("SELECT count(*) FROM ") + kOrphanTable +
+                            " WHERE id IS NOT NULL AND rootpgno = ?1;");
+  for (const auto& group : fitting) {
+    if (group.second.size() != 1) continue;
+    const std::string& table = *group.second.front();
+    const int code = AddGroup(found, to, table, shapes.at(table), group.first, fields);
+    if (code != SQLITE_OK) return code;
+    sqlite3_bind_int64(size.get(), 1, group.first);
+    if (sqlite3_step(size.get()) == SQLITE_ROW) placed += sqlite3_column_int64(size.get(), 0);
+    sqlite3_reset(size.get());
+  }
+  result->rows_unattributed =
+      IntOf(found, std::string("SELECT count(*) FROM ") + kOrphanTable + " WHERE id IS NOT NULL;",
+            0) - placed;
+  return SQLITE_OK;
+}
+
+// Adds what the page reads found to the tables copied into `to`.
+inline int AddPageRows(sqlite3* found, sqlite3* to,
+                       const std::vector<std::pair<std::string, sqlite3_int64>>& sequences,
+                       SalvageResult* result) {
+  std::map<std::string, TableShape> shapes;
+  for (SalvageTable& figures : result->tables) {
+    TableShape shape;
+    if (!ShapeOf(to, figures.name, &shape)) continue;
+    shape.highest = HighestRowid(figures.name, sequences);
+    shape.figures = &figures;
+    const int code = AddFoundRows(found, to, figures.name, shape);
+    if (code != SQLITE_OK) return code;
+    if (figures.rows > 0) figures.copied = true;
+    shapes.emplace(figures.name, std::move(shape));
+  }
+  return AddOrphans(found, to, shapes, result);
+}
+#endif  // IPC_DB_SALVAGE_PAGE_READS
+
+// The functions below differ with IPC_DB_SALVAGE_PAGE_READS; the inline
+// namespace keeps the two variants apart in one program.
+}  // namespace detail
+inline namespace IPC_DB_SALVAGE_READERS {
+namespace salvage_steps {
+using namespace ::ipc_db::detail;
+
 // Writes every readable row of `from` into `to` (the open new file) in one
 // transaction: tables, their indexes (made before the rows go in, so that
 // a UNIQUE index keeps out a damaged record's clash with an intact one),
 // rows, AUTOINCREMENT counters, views and triggers. SQLITE_OK, or the code
 // of the write that failed.
-inline int WriteSalvage(sqlite3* from, sqlite3* to, const std::vector<SchemaEntry>& schema,
-                        long long budget, SalvageResult* result) {
+inline int WriteSalvage(sqlite3* from, sqlite3* found, sqlite3* to,
+                        const std::vector<SchemaEntry>& schema, long long budget,
+                        SalvageResult* result) {
   if (sqlite3_exec(to, "BEGIN;", nullptr, nullptr, nullptr) != SQLITE_OK) {
     return sqlite3_extended_errcode(to);
   }
@@ -848,6 +1191,14 @@ inline int WriteSalvage(sqlite3* from, sqlite3* to, const std::vector<SchemaEntr
       if (code != SQLITE_OK) return code;
     }
   }
+#if defined(IPC_DB_SALVAGE_PAGE_READS)
+  if (found != nullptr) {
+    const int code = AddPageRows(found, to, sequences, result);
+    if (code != SQLITE_OK) return code;
+  }
+#else
+  (void)found;
+#endif
   int code = CopySequences(to, sequences);
   if (code != SQLITE_OK) return code;
   MakeEntries(to, schema, "view", &result->schema_not_restored);
@@ -864,9 +1215,11 @@ inline std::string JoinPath(const std::string& directory, const std::string& fil
 }
 
 // Opens the damaged file and reads its schema and page figures into
-// `result`. SQLITE_OK, or the code that made it unreadable.
+// `result`, and, with page-by-page reads, what they find into `found`.
+// SQLITE_OK, or the code that made it unreadable.
 inline int OpenDamaged(const std::string& path, const std::string& key, Connection* from,
-                       std::vector<SchemaEntry>* schema, SalvageResult* result) {
+                       Connection* found, std::vector<SchemaEntry>* schema,
+                       SalvageResult* result) {
   int code = OpenInLibraryFormat(path, key, SQLITE_OPEN_READWRITE, from->out());
   if (code != SQLITE_OK) return ErrorCodeOf(from->get(), code);
   // A schema entry that no longer parses is skipped rather than failing
@@ -875,8 +1228,21 @@ inline int OpenDamaged(const std::string& path, const std::string& key, Connecti
   code = ReadSchema(from->get(), schema);
   if (code != SQLITE_OK) return code;
   result->pages_in_file = IntOf(from->get(), "PRAGMA page_count;", 0);
-  result->pages_unreadable = UnreadablePages(from->get(), result->pages_in_file);
-  result->engine_note = EngineNote(result->pages_unreadable >= 0);
+#if defined(IPC_DB_SALVAGE_PAGE_READS)
+  int pageCode = SQLITE_OK;
+  const PageReads reads = ReadByPages(from->get(), result, found, &pageCode);
+#else
+  (void)found;
+  const PageReads reads = PageReads::kNotLinked;
+  const int pageCode = SQLITE_OK;
+#endif
+  if (reads != PageReads::kDone && reads != PageReads::kFailed) {
+    result->pages_unreadable = UnreadablePages(from->get(), result->pages_in_file);
+  }
+  result->engine_note = EngineNote(reads, pageCode);
+  if (result->pages_unreadable < 0) {
+    result->engine_note += "; no page-by-page reads: unreadable pages not counted";
+  }
   return SQLITE_OK;
 }
 
@@ -896,9 +1262,9 @@ inline SalvageResult SalvageChecked(const std::string& directory, const std::str
   if (!RemoveIfPresent(ops, fresh) || !RemoveIfPresent(ops, fresh + "-journal")) {
     return Failed(result, SalvageStatus::kWriteFailed, errno, "removal of an old .salvage file");
   }
-  Connection from;
+  Connection from, found;
   std::vector<SchemaEntry> schema;
-  int code = OpenDamaged(path, key, &from, &schema, &result);
+  int code = OpenDamaged(path, key, &from, &found, &schema, &result);
   if (code != SQLITE_OK) {
     return Failed(result, SalvageStatus::kUnreadable, code, "the schema does not read");
   }
@@ -909,7 +1275,7 @@ inline SalvageResult SalvageChecked(const std::string& directory, const std::str
   const bool keyed = !key.empty() && key[0] != '\0';
   code = OpenInLibraryFormat(fresh, key, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, to.out());
   if (code == SQLITE_OK) code = CopyFileSettings(from.get(), to.get(), keyed);
-  if (code == SQLITE_OK) code = WriteSalvage(from.get(), to.get(), schema, budget, &result);
+  if (code == SQLITE_OK) code = WriteSalvage(from.get(), found.get(), to.get(), schema, budget, &result);
   if (code == SQLITE_OK && to.Close() != SQLITE_OK) code = SQLITE_IOERR;
   if (code != SQLITE_OK) {
     code = ErrorCodeOf(to.get(), code);
@@ -927,7 +1293,7 @@ inline SalvageResult SalvageChecked(const std::string& directory, const std::str
   return result;
 }
 
-}  // namespace detail
+}  // namespace salvage_steps
 
 // Salvages the database `file` in `directory` (as given to Db::Init: the
 // file name is appended to it), keyed with `key` as Db::Init takes it (at
@@ -948,10 +1314,10 @@ inline SalvageResult Salvage(const std::string& directory, const std::string& fi
                              const std::string& key,
                              const SalvageOptions& options = SalvageOptions()) noexcept {
   try {
-    return detail::SalvageChecked(directory, file, key, options);
+    return salvage_steps::SalvageChecked(directory, file, key, options);
   } catch (const std::bad_alloc&) {
     const SalvageFileOps ops = detail::CompleteOps(options.file_ops);
-    ops.unlink_file((detail::JoinPath(directory, file) + ".salvage").c_str());
+    ops.unlink_file((salvage_steps::JoinPath(directory, file) + ".salvage").c_str());
     SalvageResult result;
     result.status = SalvageStatus::kWriteFailed;
     result.code = SQLITE_NOMEM;
@@ -960,6 +1326,7 @@ inline SalvageResult Salvage(const std::string& directory, const std::string& fi
   }
 }
 
+}  // inline namespace IPC_DB_SALVAGE_READERS
 }  // namespace ipc_db
 
 #endif  // IPC_DB_IPC_DB_SALVAGE_H_
