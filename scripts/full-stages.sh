@@ -28,7 +28,9 @@ wait_all() {
 }
 
 # valgrind memcheck over the record-operation tests, the caller-mistake
-# tests and the companion header's tests of build/default.
+# tests and the companion header's tests of build/default, the salvage's
+# among them (its damage campaign at quick scale; valgrind follows the
+# campaign's salvage children, which fork without exec).
 valgrind_one() {
   local exe=$1 name
   name=$(basename "$exe")
@@ -46,7 +48,8 @@ valgrind_stage() {
   local exe
   for exe in "$build"/tests/filter_test "$build"/tests/table_*_test \
              "$build"/tests/{conn,db,filter}_mistakes_test \
-             "$build"/tests/helpers_test "$build"/tests/required_leaks_test; do
+             "$build"/tests/helpers_test "$build"/tests/required_leaks_test \
+             "$build"/tests/salvage_test "$build"/tests/salvage_campaign_test; do
     in_background valgrind_one "$exe"
   done
   wait_all
@@ -184,6 +187,17 @@ faults_stage() {
   local preset=$1 name=faults
   [[ $preset == default ]] || name=faults-$preset
   IPC_DB_FAULT_SCALE=full suite "$name" "$preset" -L faults -j "$jobs"
+}
+
+# The salvage damage campaign (label salvage) at full size: over 300
+# damaged files per kind (keyed, plain), each salvaged, recovered with the
+# shell's .recover and repaired with RepairDB. Figures go to
+# $results/salvage/ (rendered into reports/salvage.json and salvage.md).
+# salvage_stage PRESET: on the engine of that build (results in its tree).
+salvage_stage() {
+  local preset=$1 name=salvage
+  [[ $preset == default ]] || name=salvage-$preset
+  IPC_DB_SALVAGE_SCALE=full suite "$name" "$preset" -L salvage -j "$jobs"
 }
 
 # costs_stage BUILD: bench/costs --quick on that build tree (its engine):
