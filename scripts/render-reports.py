@@ -198,7 +198,8 @@ def faults(data):
 
 SALVAGE_SUMS = ["files", "rows_intact", "rows_salvaged", "rows_intact_salvaged",
                 "rows_salvaged_wrong", "rows_recover", "rows_repair_today",
-                "files_worse_than_recover", "files_not_salvaged", "crashes", "leaks",
+                "files_worse_than_recover", "files_recover_reported_errors",
+                "files_not_salvaged", "crashes", "leaks",
                 "seconds"]
 
 
@@ -232,17 +233,22 @@ def salvage_rows(entries):
                  rows_recover=("not available" if e.get("rows_recover") is None
                                else e["rows_recover"]),
                  files_worse_than_recover=("-" if e.get("files_worse_than_recover") is None
-                                           else e["files_worse_than_recover"]))
+                                           else e["files_worse_than_recover"]),
+                 files_recover_reported_errors=(
+                     "-" if e.get("files_recover_reported_errors") is None
+                     else e["files_recover_reported_errors"]))
             for e in entries]
 
 
 def salvage(data):
     columns = ["kind", "engine", "files", "rows_intact", "rows_intact_salvaged", "share",
                "rows_salvaged", "rows_salvaged_wrong", "rows_recover", "rows_repair_today",
-               "files_worse_than_recover", "files_not_salvaged", "crashes", "leaks"]
+               "files_worse_than_recover", "files_recover_reported_errors", "files_not_salvaged",
+               "crashes", "leaks"]
     headers = ["Kind", "Engine", "Files", "Rows on intact pages", "Of them salvaged", "Share",
-               "Rows salvaged", "Of them changed", "Rows from .recover", "Rows after RepairDB",
-               "Files worse than .recover", "Files not salvaged", "Crashes", "Leaks"]
+               "Rows salvaged", "Changed rows salvaged", "Rows from .recover", "Rows after RepairDB",
+               "Files worse than .recover", "Files where .recover reported errors",
+               "Files not salvaged", "Crashes", "Leaks"]
     campaign = [dict(v) for k, v in sorted(data.items())
                 if k.startswith("campaign-") and isinstance(v, dict)]
     lines = []
