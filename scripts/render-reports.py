@@ -197,7 +197,7 @@ def faults(data):
 
 
 SALVAGE_SUMS = ["files", "rows_intact", "rows_salvaged", "rows_intact_salvaged",
-                "rows_salvaged_wrong", "rows_recover", "rows_repair_today",
+                "rows_salvaged_wrong", "rows_intact_salvaged_wrong", "rows_recover", "rows_repair_today",
                 "files_worse_than_recover", "files_recover_reported_errors",
                 "files_not_salvaged", "crashes", "leaks",
                 "seconds"]
@@ -242,11 +242,13 @@ def salvage_rows(entries):
 
 def salvage(data):
     columns = ["kind", "engine", "files", "rows_intact", "rows_intact_salvaged", "share",
-               "rows_salvaged", "rows_salvaged_wrong", "rows_recover", "rows_repair_today",
+               "rows_salvaged", "rows_salvaged_wrong", "rows_intact_salvaged_wrong",
+               "rows_recover", "rows_repair_today",
                "files_worse_than_recover", "files_recover_reported_errors", "files_not_salvaged",
                "crashes", "leaks"]
     headers = ["Kind", "Engine", "Files", "Rows on intact pages", "Of them salvaged", "Share",
-               "Rows salvaged", "Changed rows salvaged", "Rows from .recover", "Rows after RepairDB",
+               "Rows salvaged", "Changed rows salvaged", "Of them from intact pages",
+               "Rows from .recover", "Rows after RepairDB",
                "Files worse than .recover", "Files where .recover reported errors",
                "Files not salvaged", "Crashes", "Leaks"]
     campaign = [dict(v) for k, v in sorted(data.items())
