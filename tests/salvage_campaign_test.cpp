@@ -4,20 +4,21 @@
 // through the library (1000 events, an index on Seq), t_note (no INTEGER
 // PRIMARY KEY), t_blob (records larger than a page, on overflow chains) and
 // empty tables whose long CREATE texts spread the schema over several
-// pages. An update of the same size (the "after" image) gives the torn
-// pages and the power cuts their second version of a page. Per damaged
-// file: the rows on intact pages (a row's leaf and overflow pages equal to
-// the clean file's, known through support/PageTrace.h; a keyed file whose
-// salt changed has none), the rows Salvage() recovers in a child process
-// (a child that dies is a crash; SQLite memory still held after it
-// returns, or a LeakSanitizer finding in the ASan build, is a leak), the
-// rows the engine's shell `.recover` gives on the same file (keyed: with
-// the key and the compatibility setting; a shell without `.recover` is
-// "not available"), and the rows today's RepairDB leaves (on a copy; it
-// gets no key). A recovered row counts only when it equals a version the
-// writer wrote. Quick scale (one file per damage kind) by default; IPC_DB_SALVAGE_SCALE=full gives 34
-// files per damage kind (306 per kind of file). Figures go to
-// results/salvage (campaign-*.json).
+// pages. An update that keeps every row's size gives the torn pages their
+// second version of a page; the power cuts run it themselves and keep
+// their own run's version (a keyed page is encrypted anew at each write).
+// Per damaged file: the rows on intact pages (a row's leaf and overflow
+// pages equal to the clean file's, known through support/PageTrace.h; a
+// keyed file whose salt changed has none), the rows Salvage() recovers in
+// a child process (a child that dies is a crash; SQLite memory still held
+// after it returns, or a LeakSanitizer finding in the ASan build, is a
+// leak), the rows the engine's shell `.recover` gives on the same file
+// (keyed: with the key and the compatibility setting; a shell without
+// `.recover` is "not available"), and the rows today's RepairDB leaves (on
+// a copy; it gets no key). A recovered row counts only when it equals a
+// version the writer wrote. Quick scale (one file per damage kind) by
+// default; IPC_DB_SALVAGE_SCALE=full gives 34 files per damage kind (306
+// per kind of file). Figures go to results/salvage (campaign-*.json).
 #include <gtest/gtest.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -99,15 +100,24 @@ constexpr int kDamageKinds = 9;
 
 const char* DamageName(Damage damage) {
   switch (damage) {
-    case Damage::kChangedBytes: return "changed_bytes";
-    case Damage::kZeroedPages: return "zeroed_pages";
-    case Damage::kTornPage: return "torn_page";
-    case Damage::kTruncated: return "truncated";
-    case Damage::kFirstPage: return "page_1";
-    case Damage::kSchemaPage: return "schema_page";
-    case Damage::kIndexPage: return "index_page";
-    case Damage::kOverflowChain: return "overflow_chain";
-    case Damage::kPowerCut: return "power_cut_journal_off";
+    case Damage::kChangedBytes:
+      return "changed_bytes";
+    case Damage::kZeroedPages:
+      return "zeroed_pages";
+    case Damage::kTornPage:
+      return "torn_page";
+    case Damage::kTruncated:
+      return "truncated";
+    case Damage::kFirstPage:
+      return "page_1";
+    case Damage::kSchemaPage:
+      return "schema_page";
+    case Damage::kIndexPage:
+      return "index_page";
+    case Damage::kOverflowChain:
+      return "overflow_chain";
+    case Damage::kPowerCut:
+      return "power_cut_journal_off";
   }
   return "?";
 }
@@ -127,9 +137,10 @@ unsigned Seed() {
     const unsigned value = fixed != nullptr
                                ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10))
                                : std::random_device{}();
-    std::printf("salvage campaign: seed %u (IPC_DB_SALVAGE_SEED=%u replays), %s scale, "
-                "engine %s\n",
-                value, value, FullScale() ? "full" : "quick", EngineCipherVersion().c_str());
+    std::printf(
+        "salvage campaign: seed %u (IPC_DB_SALVAGE_SEED=%u replays), %s scale, "
+        "engine %s\n",
+        value, value, FullScale() ? "full" : "quick", EngineCipherVersion().c_str());
     return value;
   }();
   return seed;
@@ -149,7 +160,8 @@ struct Handle {
 
 // Opens `path` read-only, keyed in the library's format unless `key` is empty.
 bool OpenRead(Handle* handle, const std::string& path, const std::string& key) {
-  return sqlite3_open_v2(path.c_str(), &handle->db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+  return sqlite3_open_v2(path.c_str(), &handle->db, SQLITE_OPEN_READONLY, nullptr) ==
+             SQLITE_OK &&
          (key.empty() || KeyInLibraryFormat(handle->db, key) == SQLITE_OK);
 }
 
@@ -157,7 +169,8 @@ bool OpenRead(Handle* handle, const std::string& path, const std::string& key) {
 std::string Cell(sqlite3_stmt* stmt, int column) {
   const int type = sqlite3_column_type(stmt, column);
   if (type == SQLITE_NULL) return "N;";
-  if (type == SQLITE_INTEGER) return "I" + std::to_string(sqlite3_column_int64(stmt, column)) + ";";
+  if (type == SQLITE_INTEGER)
+    return "I" + std::to_string(sqlite3_column_int64(stmt, column)) + ";";
   if (type == SQLITE_FLOAT) {
     char text[40];
     std::snprintf(text, sizeof(text), "F%.17g;", sqlite3_column_double(stmt, column));
@@ -171,7 +184,8 @@ std::string Cell(sqlite3_stmt* stmt, int column) {
 
 // Runs `sql` and calls `row` for each row; false when it did not run to
 // its end.
-bool EachRow(sqlite3* db, const std::string& sql, const std::function<void(sqlite3_stmt*)>& row) {
+bool EachRow(sqlite3* db, const std::string& sql,
+             const std::function<void(sqlite3_stmt*)>& row) {
   sqlite3_stmt* stmt = nullptr;
   int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
   if (rc == SQLITE_OK) {
@@ -182,7 +196,7 @@ bool EachRow(sqlite3* db, const std::string& sql, const std::function<void(sqlit
 }
 
 using TableRows = std::map<long long, std::string>;  // rowid -> its values
-using Rows = std::map<std::string, TableRows>;        // table -> its rows
+using Rows = std::map<std::string, TableRows>;       // table -> its rows
 
 // The rows of `table` that read, each with every column in order; with
 // `ipkColumn` >= 0 that column is written as the record holds it (NULL).
@@ -210,7 +224,8 @@ Rows ReadWriterRows(const std::string& path, const std::string& key) {
   Rows rows;
   Handle handle;
   if (!OpenRead(&handle, path, key)) return rows;
-  for (const std::string& table : WriterTables()) rows[table] = ReadTable(handle.db, table);
+  for (const std::string& table : WriterTables())
+    rows[table] = ReadTable(handle.db, table);
   return rows;
 }
 
@@ -254,17 +269,20 @@ bool AddRawTables(const std::string& path, const std::string& key, std::mt19937&
       (!key.empty() && KeyInLibraryFormat(handle.db, key) != SQLITE_OK)) {
     return false;
   }
-  std::string sql = "BEGIN; CREATE TABLE t_note (Seq INTEGER, Text CHAR(24)); "
-                    "CREATE TABLE t_blob (Id INTEGER PRIMARY KEY, Tag TEXT, Body BLOB); ";
+  std::string sql =
+      "BEGIN; CREATE TABLE t_note (Seq INTEGER, Text CHAR(24)); "
+      "CREATE TABLE t_blob (Id INTEGER PRIMARY KEY, Tag TEXT, Body BLOB); ";
   for (int i = 1; i <= kNotes; ++i) {
-    sql += "INSERT INTO t_note (rowid, Seq, Text) VALUES (" + std::to_string(i * 1000 + 7) +
-           ", " + std::to_string(i) + ", 'note-" + std::to_string(i) + "'); ";
+    sql += "INSERT INTO t_note (rowid, Seq, Text) VALUES (" +
+           std::to_string(i * 1000 + 7) + ", " + std::to_string(i) + ", 'note-" +
+           std::to_string(i) + "'); ";
   }
   for (int i = 1; i <= kAuxTables; ++i) sql += AuxTableSql(i) + " ";
-  if (sqlite3_exec(handle.db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) return false;
+  if (sqlite3_exec(handle.db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+    return false;
   sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v2(handle.db, "INSERT INTO t_blob (Tag, Body) VALUES (?, ?);", -1, &stmt,
-                         nullptr) != SQLITE_OK) {
+  if (sqlite3_prepare_v2(handle.db, "INSERT INTO t_blob (Tag, Body) VALUES (?, ?);", -1,
+                         &stmt, nullptr) != SQLITE_OK) {
     return false;
   }
   bool ok = true;
@@ -272,7 +290,8 @@ bool AddRawTables(const std::string& path, const std::string& key, std::mt19937&
     const std::string tag = "blob-" + std::to_string(i);
     const std::string body = BlobBytes(random);
     sqlite3_bind_text(stmt, 1, tag.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_blob(stmt, 2, body.data(), static_cast<int>(body.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_blob(stmt, 2, body.data(), static_cast<int>(body.size()),
+                      SQLITE_TRANSIENT);
     ok = sqlite3_step(stmt) == SQLITE_DONE && sqlite3_reset(stmt) == SQLITE_OK;
   }
   sqlite3_finalize(stmt);
@@ -284,8 +303,8 @@ bool AddRawTables(const std::string& path, const std::string& key, std::mt19937&
 bool OpenAndUpdate(Handle* handle, const std::string& path, const std::string& key) {
   return sqlite3_open(path.c_str(), &handle->db) == SQLITE_OK &&
          (key.empty() || KeyInLibraryFormat(handle->db, key) == SQLITE_OK) &&
-         sqlite3_exec(handle->db, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;", nullptr,
-                      nullptr, nullptr) == SQLITE_OK &&
+         sqlite3_exec(handle->db, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;",
+                      nullptr, nullptr, nullptr) == SQLITE_OK &&
          sqlite3_exec(handle->db, kUpdateSql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
@@ -320,7 +339,8 @@ std::vector<long long> PagesThatDiffer(const std::string& a, const std::string& 
   std::vector<long long> pages;
   const size_t size = static_cast<size_t>(pageSize);
   for (size_t at = 0; at + size <= a.size() && at + size <= b.size(); at += size) {
-    if (a.compare(at, size, b, at, size) != 0) pages.push_back(static_cast<long long>(at / size) + 1);
+    if (a.compare(at, size, b, at, size) != 0)
+      pages.push_back(static_cast<long long>(at / size) + 1);
   }
   return pages;
 }
@@ -357,23 +377,26 @@ void ChangeBytes(std::string* bytes, size_t from, size_t size, std::mt19937& ran
 }
 
 void ZeroPage(std::string* bytes, long long page, long long pageSize) {
-  std::fill(bytes->begin() + (page - 1) * pageSize, bytes->begin() + page * pageSize, '\0');
+  std::fill(bytes->begin() + (page - 1) * pageSize, bytes->begin() + page * pageSize,
+            '\0');
 }
 
 // Zeroes `page` or changes a few of its bytes, by the draw.
-void HitPage(std::string* bytes, long long page, long long pageSize, std::mt19937& random) {
+void HitPage(std::string* bytes, long long page, long long pageSize,
+             std::mt19937& random) {
   if (random() % 2 == 0) {
     ZeroPage(bytes, page, pageSize);
   } else {
-    ChangeBytes(bytes, static_cast<size_t>((page - 1) * pageSize), static_cast<size_t>(pageSize),
-                random);
+    ChangeBytes(bytes, static_cast<size_t>((page - 1) * pageSize),
+                static_cast<size_t>(pageSize), random);
   }
 }
 
 long long OverflowPage(const CleanFile& clean, std::mt19937& random) {
   const TablePages& blobs = clean.tables.at("t_blob");
   std::vector<long long> pages;
-  for (const auto& [rowid, chain] : blobs.overflowOfRowid) pages.insert(pages.end(), chain.begin(), chain.end());
+  for (const auto& [rowid, chain] : blobs.overflowOfRowid)
+    pages.insert(pages.end(), chain.begin(), chain.end());
   return pages[std::uniform_int_distribution<size_t>(0, pages.size() - 1)(random)];
 }
 
@@ -420,24 +443,28 @@ DamagedFile Damaged(const CleanFile& clean, Damage damage, const std::string& pa
   switch (damage) {
     case Damage::kChangedBytes: {
       const long long page = AnyPage(random, 2, pages);
-      ChangeBytes(&bytes, static_cast<size_t>((page - 1) * size), static_cast<size_t>(size), random);
+      ChangeBytes(&bytes, static_cast<size_t>((page - 1) * size),
+                  static_cast<size_t>(size), random);
       break;
     }
     case Damage::kZeroedPages:
-      for (long long i = 0, n = 1 + random() % 3; i < n; ++i) ZeroPage(&bytes, AnyPage(random, 2, pages), size);
+      for (long long i = 0, n = 1 + random() % 3; i < n; ++i)
+        ZeroPage(&bytes, AnyPage(random, 2, pages), size);
       break;
     case Damage::kTornPage: {
       // The first sectors of a page from the update, the rest as before.
       const long long page = PickFrom(clean.pagesChangedByUpdate, random);
       const long long sectors = size / 512;
       const long long written = 512 * AnyPage(random, 1, sectors - 1);
-      bytes.replace(static_cast<size_t>((page - 1) * size), static_cast<size_t>(written), clean.after,
-                    static_cast<size_t>((page - 1) * size), static_cast<size_t>(written));
+      bytes.replace(static_cast<size_t>((page - 1) * size), static_cast<size_t>(written),
+                    clean.after, static_cast<size_t>((page - 1) * size),
+                    static_cast<size_t>(written));
       damaged.twoVersions = true;
       break;
     }
     case Damage::kTruncated:
-      bytes.resize(static_cast<size_t>(AnyPage(random, pages * size / 2, pages * size - 1)));
+      bytes.resize(
+          static_cast<size_t>(AnyPage(random, pages * size / 2, pages * size - 1)));
       break;
     case Damage::kFirstPage: {
       const unsigned how = random() % 3;
@@ -476,7 +503,8 @@ struct PageState {
 // Each page of the clean file compared with the damaged one. On a keyed
 // file every page's key comes from the salt at the start of page 1: when
 // the salt changed, no page is intact.
-std::vector<PageState> PageStates(const CleanFile& clean, const DamagedFile& damaged, bool keyed) {
+std::vector<PageState> PageStates(const CleanFile& clean, const DamagedFile& damaged,
+                                  bool keyed) {
   const size_t size = static_cast<size_t>(clean.pageSize);
   std::vector<PageState> states(static_cast<size_t>(PageCount(clean)) + 1);
   if (keyed && damaged.bytes.compare(0, 16, clean.before, 0, 16) != 0) return states;
@@ -491,13 +519,15 @@ std::vector<PageState> PageStates(const CleanFile& clean, const DamagedFile& dam
 }
 
 // Rows whose leaf and overflow pages all hold one version: "<table>/<rowid>".
-std::set<std::string> IntactRows(const CleanFile& clean, const std::vector<PageState>& states) {
+std::set<std::string> IntactRows(const CleanFile& clean,
+                                 const std::vector<PageState>& states) {
   std::set<std::string> rows;
   for (const auto& [table, pages] : clean.tables) {
     for (const auto& [rowid, leaf] : pages.leafOfRowid) {
       std::set<long long> all = {leaf};
       auto overflow = pages.overflowOfRowid.find(rowid);
-      if (overflow != pages.overflowOfRowid.end()) all.insert(overflow->second.begin(), overflow->second.end());
+      if (overflow != pages.overflowOfRowid.end())
+        all.insert(overflow->second.begin(), overflow->second.end());
       bool before = true, after = true;
       for (long long page : all) {
         before = before && states[static_cast<size_t>(page)].asBefore;
@@ -518,8 +548,8 @@ struct Recovered {
   std::string firstWrong;       // "<table>/<rowid>" of the first
 };
 
-bool IsWritten(const CleanFile& clean, bool twoVersions, const std::string& table, long long rowid,
-               const std::string& values) {
+bool IsWritten(const CleanFile& clean, bool twoVersions, const std::string& table,
+               long long rowid, const std::string& values) {
   for (const Rows* rows : {&clean.rowsBefore, &clean.rowsAfter}) {
     if (rows == &clean.rowsAfter && !twoVersions) break;
     auto found = rows->at(table).find(rowid);
@@ -535,8 +565,10 @@ void CountLostAndFound(sqlite3* db, const std::string& table, const CleanFile& c
   EachRow(db, "SELECT * FROM \"" + table + "\";", [&](sqlite3_stmt* stmt) {
     const int fields = sqlite3_column_int(stmt, 2);
     std::string values;
-    for (int i = 0; i < fields && 4 + i < sqlite3_column_count(stmt); ++i) values += Cell(stmt, 4 + i);
-    auto found = clean.recordForms.find(std::to_string(sqlite3_column_int64(stmt, 3)) + "|" + values);
+    for (int i = 0; i < fields && 4 + i < sqlite3_column_count(stmt); ++i)
+      values += Cell(stmt, 4 + i);
+    auto found = clean.recordForms.find(std::to_string(sqlite3_column_int64(stmt, 3)) +
+                                        "|" + values);
     if (found != clean.recordForms.end()) recovered->right.insert(found->second);
   });
 }
@@ -550,18 +582,21 @@ bool IsLostAndFound(sqlite3* db, const std::string& table) {
 }
 
 // What the file at `path` (keyed with `key`, or plain) holds of the writer's rows.
-Recovered CountRecovered(const std::string& path, const std::string& key, const CleanFile& clean,
-                         bool twoVersions, const std::set<std::string>& intact) {
+Recovered CountRecovered(const std::string& path, const std::string& key,
+                         const CleanFile& clean, bool twoVersions,
+                         const std::set<std::string>& intact) {
   Recovered recovered;
   Handle handle;
   if (!FileExists(path) || !OpenRead(&handle, path, key)) return recovered;
   std::vector<std::string> tables;
-  EachRow(handle.db, "SELECT name FROM sqlite_master WHERE type = 'table';", [&](sqlite3_stmt* stmt) {
-    tables.push_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
-  });
+  EachRow(handle.db, "SELECT name FROM sqlite_master WHERE type = 'table';",
+          [&](sqlite3_stmt* stmt) {
+            tables.push_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
+          });
   for (const std::string& table : tables) {
     if (clean.rowsBefore.count(table) == 0) {
-      if (IsLostAndFound(handle.db, table)) CountLostAndFound(handle.db, table, clean, &recovered);
+      if (IsLostAndFound(handle.db, table))
+        CountLostAndFound(handle.db, table, clean, &recovered);
       continue;
     }
     for (const auto& [rowid, values] : ReadTable(handle.db, table)) {
@@ -588,7 +623,8 @@ long long CountIn(const std::set<std::string>& rows, const std::set<std::string>
 bool ShellHasRecover() {
   static const bool has = [] {
     std::string output;
-    RunCommand(std::string("'") + IPC_DB_SQLCIPHER_SHELL + "' :memory: .help 2>&1", &output);
+    RunCommand(std::string("'") + IPC_DB_SQLCIPHER_SHELL + "' :memory: .help 2>&1",
+               &output);
     return output.find(".recover") != std::string::npos;
   }();
   return has;
@@ -598,15 +634,15 @@ bool ShellHasRecover() {
 
 struct FileOutcome {
   long long intact = 0;
-  long long salvaged = 0;         // right rows after Salvage()
-  long long salvagedIntact = 0;   // of them, rows of intact pages
+  long long salvaged = 0;        // right rows after Salvage()
+  long long salvagedIntact = 0;  // of them, rows of intact pages
   long long salvagedWrong = 0;
   long long salvagedIntactWrong = 0;
   std::string firstWrong;
-  long long recovered = -1;       // right rows from `.recover`; -1: not available
-  bool recoverFailed = false;     // the shell reported an error
-  long long repaired = 0;         // right rows after RepairDB
-  bool salvageDone = false;       // kSalvaged
+  long long recovered = -1;    // right rows from `.recover`; -1: not available
+  bool recoverFailed = false;  // the shell reported an error
+  long long repaired = 0;      // right rows after RepairDB
+  bool salvageDone = false;    // kSalvaged
   bool crashed = false;
   bool leaked = false;
 };
@@ -653,7 +689,8 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     ASSERT_EQ(WriteIndexedEvents(dir_.Path(), kFile, key, kEvents, kIndex), 0);
     ASSERT_TRUE(AddRawTables(Path(), key, random));
     clean_.before = ReadFileBytes(Path());
-    for (const std::string& table : WriterTables()) clean_.tables[table] = TracePages(Path(), key, table);
+    for (const std::string& table : WriterTables())
+      clean_.tables[table] = TracePages(Path(), key, table);
     TablePages& blobs = clean_.tables["t_blob"];
     ASSERT_TRUE(TraceOverflow(Path(), key, "t_blob", &blobs));
     clean_.index = TracePages(Path(), key, "t_event", kIndex, "Seq");
@@ -664,7 +701,8 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     ASSERT_TRUE(RunUpdate(Path(), key));
     clean_.after = ReadFileBytes(Path());
     clean_.rowsAfter = ReadWriterRows(Path(), key);
-    clean_.pagesChangedByUpdate = PagesThatDiffer(clean_.before, clean_.after, clean_.pageSize);
+    clean_.pagesChangedByUpdate =
+        PagesThatDiffer(clean_.before, clean_.after, clean_.pageSize);
     CheckClean();
   }
 
@@ -672,7 +710,8 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     for (const auto& [table, pages] : clean_.tables) EXPECT_TRUE(pages.ok) << table;
     EXPECT_EQ(clean_.tables["t_event"].leafOfRowid.size(), static_cast<size_t>(kEvents));
     EXPECT_EQ(clean_.tables["t_note"].leafOfRowid.size(), static_cast<size_t>(kNotes));
-    EXPECT_EQ(clean_.tables["t_blob"].overflowOfRowid.size(), static_cast<size_t>(kBlobs));
+    EXPECT_EQ(clean_.tables["t_blob"].overflowOfRowid.size(),
+              static_cast<size_t>(kBlobs));
     EXPECT_GT(clean_.schema.size(), 1u) << "the schema should spread over several pages";
     EXPECT_EQ(clean_.before.size(), clean_.after.size()) << "the update keeps every page";
     EXPECT_FALSE(clean_.pagesChangedByUpdate.empty());
@@ -681,7 +720,8 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     // The leak check reads SQLite's count of the memory it holds.
     Handle handle;
     ASSERT_EQ(sqlite3_open(":memory:", &handle.db), SQLITE_OK);
-    EXPECT_GT(sqlite3_memory_used(), 0) << "SQLite does not count its memory: leaks go unseen";
+    EXPECT_GT(sqlite3_memory_used(), 0)
+        << "SQLite does not count its memory: leaks go unseen";
   }
 
   void RemoveFiles() {
@@ -701,7 +741,8 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     outcome->salvageDone = (WEXITSTATUS(status) & 2) == 0;
     outcome->leaked = (WEXITSTATUS(status) & 1) != 0;
     if (!outcome->salvageDone) return;
-    const Recovered back = CountRecovered(Path(), Key(), clean_, damaged.twoVersions, intact);
+    const Recovered back =
+        CountRecovered(Path(), Key(), clean_, damaged.twoVersions, intact);
     outcome->salvaged = static_cast<long long>(back.right.size());
     outcome->salvagedIntact = CountIn(back.right, intact);
     outcome->salvagedWrong = back.wrong;
@@ -713,17 +754,20 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
                   FileOutcome* outcome) {
     if (!ShellHasRecover()) return;
     WriteBytes(Path("r.db"), damaged.bytes);
-    std::ofstream(Path("recover.sql")) << (Keyed() ? ShellKeyLines(Key()) : "") << ".recover\n";
+    std::ofstream(Path("recover.sql"))
+        << (Keyed() ? ShellKeyLines(Key()) : "") << ".recover\n";
     const std::string shell = std::string("'") + IPC_DB_SQLCIPHER_SHELL + "' -batch ";
     std::string output;
     RunCommand(shell + "'" + Path("r.db") + "' < '" + Path("recover.sql") + "' 2>'" +
-                   Path("recover.err") + "' | " + shell + "'" + Path("recovered.db") + "' 2>&1",
+                   Path("recover.err") + "' | " + shell + "'" + Path("recovered.db") +
+                   "' 2>&1",
                &output);
     // The shell says so when `.recover` cannot read the file at all (it
     // cannot read a keyed file on 4.6.1: "file is not a database").
     outcome->recoverFailed = !ReadFileBytes(Path("recover.err")).empty();
     outcome->recovered = static_cast<long long>(
-        CountRecovered(Path("recovered.db"), "", clean_, damaged.twoVersions, intact).right.size());
+        CountRecovered(Path("recovered.db"), "", clean_, damaged.twoVersions, intact)
+            .right.size());
   }
 
   // Today's RepairDB on a copy, through the library, as the maintenance
@@ -743,15 +787,18 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     db.UnInit();
     if (repaired != 0) return;
     outcome->repaired = static_cast<long long>(
-        CountRecovered(Path("r.db"), key, clean_, damaged.twoVersions, intact).right.size());
+        CountRecovered(Path("r.db"), key, clean_, damaged.twoVersions, intact)
+            .right.size());
   }
 
   FileOutcome RunFile(std::mt19937& random, int number) {
-    SCOPED_TRACE(std::string(DamageName(DamageKind())) + ", file " + std::to_string(number));
+    SCOPED_TRACE(std::string(DamageName(DamageKind())) + ", file " +
+                 std::to_string(number));
     RemoveFiles();
     FileOutcome outcome;
     const DamagedFile damaged = Damaged(clean_, DamageKind(), Path(), Key(), random);
-    const std::set<std::string> intact = IntactRows(clean_, PageStates(clean_, damaged, Keyed()));
+    const std::set<std::string> intact =
+        IntactRows(clean_, PageStates(clean_, damaged, Keyed()));
     outcome.intact = static_cast<long long>(intact.size());
     RunSalvage(damaged, intact, &outcome);
     RunRecover(damaged, intact, &outcome);
@@ -765,16 +812,18 @@ class SalvageCampaign : public testing::TestWithParam<std::tuple<bool, int>> {
     EXPECT_FALSE(outcome.crashed) << "Salvage() died";
     EXPECT_FALSE(outcome.leaked) << "Salvage() left memory held";
     if (outcome.salvagedWrong > 0) {
-      std::printf("salvage campaign: %s %s file %d: %lld rows salvaged changed, first %s\n",
-                  Keyed() ? "keyed" : "plain", DamageName(DamageKind()), number,
-                  outcome.salvagedWrong, outcome.firstWrong.c_str());
+      std::printf(
+          "salvage campaign: %s %s file %d: %lld rows salvaged changed, first %s\n",
+          Keyed() ? "keyed" : "plain", DamageName(DamageKind()), number,
+          outcome.salvagedWrong, outcome.firstWrong.c_str());
     }
     if (outcome.recovered > outcome.salvaged || outcome.salvagedIntact < outcome.intact) {
-      std::printf("salvage campaign: %s %s file %d: intact %lld, salvaged %lld (of intact %lld, "
-                  "wrong %lld), .recover %lld, RepairDB %lld\n",
-                  Keyed() ? "keyed" : "plain", DamageName(DamageKind()), number, outcome.intact,
-                  outcome.salvaged, outcome.salvagedIntact, outcome.salvagedWrong,
-                  outcome.recovered, outcome.repaired);
+      std::printf(
+          "salvage campaign: %s %s file %d: intact %lld, salvaged %lld (of intact %lld, "
+          "wrong %lld), .recover %lld, RepairDB %lld\n",
+          Keyed() ? "keyed" : "plain", DamageName(DamageKind()), number, outcome.intact,
+          outcome.salvaged, outcome.salvagedIntact, outcome.salvagedWrong,
+          outcome.recovered, outcome.repaired);
     }
   }
 
@@ -809,7 +858,8 @@ struct Totals {
 TEST_P(SalvageCampaign, DamagedFiles) {
   const auto started = std::chrono::steady_clock::now();
   LogCapture log;  // the library's notes at each open, close and repair
-  std::mt19937 random(Seed() * 31u + static_cast<unsigned>(std::get<1>(GetParam())) * 7919u +
+  std::mt19937 random(Seed() * 31u +
+                      static_cast<unsigned>(std::get<1>(GetParam())) * 7919u +
                       (Keyed() ? 1u : 0u));
   MakeClean(random);
   if (HasFatalFailure()) return;
@@ -832,7 +882,8 @@ TEST_P(SalvageCampaign, DamagedFiles) {
       .Add("rows_intact_salvaged", totals.salvagedIntact)
       .Add("rows_salvaged_wrong", totals.salvagedWrong)
       .Add("rows_intact_salvaged_wrong", totals.salvagedIntactWrong)
-      .AddRaw("rows_recover", recoverAvailable ? std::to_string(totals.recovered) : "null")
+      .AddRaw("rows_recover",
+              recoverAvailable ? std::to_string(totals.recovered) : "null")
       .Add("rows_repair_today", totals.repaired)
       .AddRaw("files_worse_than_recover",
               recoverAvailable ? std::to_string(totals.worseThanRecover) : "null")
@@ -843,19 +894,23 @@ TEST_P(SalvageCampaign, DamagedFiles) {
       .Add("leaks", totals.leaks)
       .Add("leak_check", LeakCheckName())
       .Add("seconds", seconds);
-  WriteResultJson("salvage", "campaign-" + std::string(Keyed() ? "keyed-" : "plain-") +
-                                 DamageName(DamageKind()) + "-" + ResultName(EngineCipherVersion()),
+  WriteResultJson("salvage",
+                  "campaign-" + std::string(Keyed() ? "keyed-" : "plain-") +
+                      DamageName(DamageKind()) + "-" + ResultName(EngineCipherVersion()),
                   json.Text());
-  std::printf("salvage campaign: %s %s on %s: %lld files, rows intact %lld, salvaged %lld (of "
-              "intact %lld), .recover %s, RepairDB %lld, worse than .recover %lld, crashes %lld, "
-              "leaks %lld, %.1f s\n",
-              Keyed() ? "keyed" : "plain", DamageName(DamageKind()), EngineCipherVersion().c_str(),
-              totals.files, totals.intact, totals.salvaged, totals.salvagedIntact,
-              recoverAvailable ? std::to_string(totals.recovered).c_str() : "not available",
-              totals.repaired, totals.worseThanRecover, totals.crashes, totals.leaks, seconds);
+  std::printf(
+      "salvage campaign: %s %s on %s: %lld files, rows intact %lld, salvaged %lld (of "
+      "intact %lld), .recover %s, RepairDB %lld, worse than .recover %lld, crashes %lld, "
+      "leaks %lld, %.1f s\n",
+      Keyed() ? "keyed" : "plain", DamageName(DamageKind()),
+      EngineCipherVersion().c_str(), totals.files, totals.intact, totals.salvaged,
+      totals.salvagedIntact,
+      recoverAvailable ? std::to_string(totals.recovered).c_str() : "not available",
+      totals.repaired, totals.worseThanRecover, totals.crashes, totals.leaks, seconds);
   if (GoalsChecked()) {
     if (EngineIsSqlcipher4()) {
-      EXPECT_GE(totals.salvagedIntact * 100, totals.intact * 99) << "goal: 99% of intact rows";
+      EXPECT_GE(totals.salvagedIntact * 100, totals.intact * 99)
+          << "goal: 99% of intact rows";
     }
     EXPECT_EQ(totals.worseThanRecover, 0) << "goal: never fewer rows than .recover";
     // A row of an intact page comes back as written (a damaged schema can
@@ -876,7 +931,8 @@ std::string ParamName(const testing::TestParamInfo<std::tuple<bool, int>>& info)
 }
 
 INSTANTIATE_TEST_SUITE_P(Campaign, SalvageCampaign,
-                         testing::Combine(testing::Bool(), testing::Range(0, kDamageKinds)),
+                         testing::Combine(testing::Bool(),
+                                          testing::Range(0, kDamageKinds)),
                          ParamName);
 
 }  // namespace
