@@ -1,12 +1,11 @@
 // The page-tracing VFS behind TracePages (PageTrace.h): a VFS named
 // "page_trace" over the process's default one, whose database files note
-// the offset and size of every read in a list the tracer empties after
-// each row.
+// the offset of every whole-page read (and, while overflow pages are
+// traced, of every read) in a list the tracer empties after each row.
 #include "PageTrace.h"
 
 #include <sqlcipher/sqlite3.h>
 
-#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -23,11 +22,8 @@ struct TraceFile {
 };
 
 std::mutex g_mutex;
-struct Read {
-  long long offset;
-  int amount;
-};
-std::vector<Read> g_reads;  // reads of database files
+std::vector<long long> g_reads;  // offsets of reads of database files
+bool g_partReads = false;        // reads of part of a page count too
 sqlite3_vfs* g_real = nullptr;
 sqlite3_io_methods g_methods;
 int g_pageSize = 0;
@@ -36,9 +32,9 @@ sqlite3_file* Real(sqlite3_file* file) { return reinterpret_cast<TraceFile*>(fil
 
 int TraceRead(sqlite3_file* file, void* buffer, int amount, sqlite3_int64 offset) {
   TraceFile* traced = reinterpret_cast<TraceFile*>(file);
-  if (traced->database) {
+  if (traced->database && (amount == g_pageSize || (g_partReads && g_pageSize > 0))) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_reads.push_back({offset, amount});
+    g_reads.push_back(offset);
   }
   return Real(file)->pMethods->xRead(Real(file), buffer, amount, offset);
 }
@@ -110,17 +106,11 @@ void InstallOnce() {
   });
 }
 
-// Page numbers read whole since the last call; with `partReads`, also the
-// pages read in part (an overflow page read straight from the file, past
-// the cache).
-std::vector<long long> TakePages(bool partReads = false) {
+// Page numbers read since the last call.
+std::vector<long long> TakePages() {
   std::lock_guard<std::mutex> lock(g_mutex);
   std::vector<long long> pages;
-  for (const Read& read : g_reads) {
-    if (read.amount == g_pageSize || (partReads && g_pageSize > 0)) {
-      pages.push_back(read.offset / g_pageSize + 1);
-    }
-  }
+  for (long long offset : g_reads) pages.push_back(offset / g_pageSize + 1);
   g_reads.clear();
   return pages;
 }
@@ -163,14 +153,16 @@ bool TraceOverflow(const std::string& path, const std::string& key, const std::s
   sqlite3_stmt* stmt = nullptr;
   const std::string sql = "SELECT * FROM \"" + table + "\" WHERE rowid = ?;";
   bool ok = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK;
+  // An overflow page can be read straight from the file, in part.
+  g_partReads = true;
   for (auto row = pages->leafOfRowid.cbegin(); ok && row != pages->leafOfRowid.cend(); ++row) {
     sqlite3_db_release_memory(db);
-    TakePages(true);
+    TakePages();
     sqlite3_bind_int64(stmt, 1, row->first);
     ok = sqlite3_step(stmt) == SQLITE_ROW;
     // A value is read from its overflow pages when the caller asks for it.
     for (int i = 0; ok && i < sqlite3_column_count(stmt); ++i) sqlite3_column_blob(stmt, i);
-    const std::vector<long long> read = TakePages(true);
+    const std::vector<long long> read = TakePages();
     std::set<long long> overflow;
     for (long long page : read) {
       if (page != 1 && page != row->second && pages->interior.count(page) == 0) {
@@ -180,6 +172,7 @@ bool TraceOverflow(const std::string& path, const std::string& key, const std::s
     if (!overflow.empty()) pages->overflowOfRowid[row->first] = overflow;
     sqlite3_reset(stmt);
   }
+  g_partReads = false;
   sqlite3_finalize(stmt);
   sqlite3_close(db);
   return ok;
