@@ -50,12 +50,14 @@ valgrind_stage() {
   local exe
   for exe in "$build"/tests/filter_test "$build"/tests/table_*_test \
              "$build"/tests/{conn,db,filter}_mistakes_test \
-             "$build"/tests/helpers_test "$build"/tests/required_leaks_test \
-             "$build"/tests/salvage_test; do
+             "$build"/tests/helpers_test "$build"/tests/required_leaks_test; do
     in_background valgrind_one "$exe"
   done
   # Each keyed file costs key derivations, about a minute per keyed case
-  # under valgrind: the plain cases and one keyed case.
+  # under valgrind (salvage_test whole: about 12 minutes): two of
+  # salvage_test's cases, the campaign's plain cases and one keyed case.
+  in_background valgrind_one "$build"/tests/salvage_test \
+    --gtest_filter='*IntactFileComesBackWhole:*ChangedBytesInALeaf'
   in_background valgrind_one "$build"/tests/salvage_campaign_test \
     --gtest_filter='*/plain_*:*/keyed_power_cut_journal_off'
   wait_all
