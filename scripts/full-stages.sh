@@ -28,14 +28,18 @@ wait_all() {
 }
 
 # valgrind memcheck over the record-operation tests, the caller-mistake
-# tests and the companion header's tests of build/default.
+# tests and the companion header's tests of build/default, the salvage's
+# among them (its damage campaign at quick scale, in part; valgrind follows
+# the campaign's salvage children, which fork without exec, and a leak in
+# one fails its case).
 valgrind_one() {
   local exe=$1 name
+  shift
   name=$(basename "$exe")
   valgrind -v --leak-check=full --show-leak-kinds=definite,indirect,possible \
     --errors-for-leak-kinds=definite,indirect,possible --num-callers=40 \
     --suppressions=tests/sanitizers/valgrind.supp --error-exitcode=99 \
-    "$exe" >"$logs/valgrind-$name.log" 2>&1
+    "$exe" "$@" >"$logs/valgrind-$name.log" 2>&1
   local rc=$?
   python3 scripts/tool-results.py valgrind "$logs/valgrind-$name.log" \
     "$results/valgrind/$name.json" rc="$rc"
@@ -49,6 +53,13 @@ valgrind_stage() {
              "$build"/tests/helpers_test "$build"/tests/required_leaks_test; do
     in_background valgrind_one "$exe"
   done
+  # Each keyed file costs key derivations, about a minute per keyed case
+  # under valgrind (salvage_test whole: about 12 minutes): two of
+  # salvage_test's cases, the campaign's plain cases and one keyed case.
+  in_background valgrind_one "$build"/tests/salvage_test \
+    --gtest_filter='*IntactFileComesBackWhole:*ChangedBytesInALeaf'
+  in_background valgrind_one "$build"/tests/salvage_campaign_test \
+    --gtest_filter='*/plain_*:*/keyed_power_cut_journal_off'
   wait_all
 }
 
@@ -184,6 +195,17 @@ faults_stage() {
   local preset=$1 name=faults
   [[ $preset == default ]] || name=faults-$preset
   IPC_DB_FAULT_SCALE=full suite "$name" "$preset" -L faults -j "$jobs"
+}
+
+# The salvage damage campaign (label salvage) at full size: over 300
+# damaged files per kind (keyed, plain), each salvaged, recovered with the
+# shell's .recover and repaired with RepairDB. Figures go to
+# $results/salvage/ (rendered into reports/salvage.json and salvage.md).
+# salvage_stage PRESET: on the engine of that build (results in its tree).
+salvage_stage() {
+  local preset=$1 name=salvage
+  [[ $preset == default ]] || name=salvage-$preset
+  IPC_DB_SALVAGE_SCALE=full suite "$name" "$preset" -L salvage -j "$jobs"
 }
 
 # costs_stage BUILD: bench/costs --quick on that build tree (its engine):

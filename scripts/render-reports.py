@@ -5,7 +5,8 @@
 
 Every group <build dir>/results/<group>/*.json becomes one object in
 <build dir>/reports/<group>.json, keyed by file name (without ".json"),
-and one page <build dir>/reports/<group>.md. A group with a renderer below
+and one page <build dir>/reports/<group>.md; for salvage, the JSON is the
+damage campaign's list of sums, one entry per kind of file and engine. A group with a renderer below
 gets its own tables; any other group (a new one included) gets a generic
 rendering: one table row per file when the files hold objects, a list
 otherwise. Writes only into <build dir>/reports.
@@ -196,9 +197,81 @@ def faults(data):
     return lines + (generic(rest) if rest else [])
 
 
+SALVAGE_SUMS = ["files", "rows_intact", "rows_salvaged", "rows_intact_salvaged",
+                "rows_salvaged_wrong", "rows_intact_salvaged_wrong", "rows_recover", "rows_repair_today",
+                "files_worse_than_recover", "files_recover_reported_errors",
+                "files_not_salvaged", "crashes", "leaks",
+                "seconds"]
+
+
+def salvage_campaign(data):
+    """The damage campaign's files (campaign-*) summed per kind and engine:
+    the list reports/salvage.json holds. A figure a file gives as null (the
+    shell has no .recover) stays null in the sum."""
+    entries = {}
+    for name, value in sorted(data.items()):
+        if not name.startswith("campaign-") or not isinstance(value, dict):
+            continue
+        entry = entries.setdefault((value["kind"], value["engine"]),
+                                   {"kind": value["kind"], "engine": value["engine"],
+                                    "scale": value.get("scale"), "damages": 0})
+        entry["damages"] += 1
+        for key in SALVAGE_SUMS:
+            if key in entry and entry[key] is None:
+                continue
+            entry[key] = None if value.get(key) is None else entry.get(key, 0) + value[key]
+    for entry in entries.values():
+        entry["seconds"] = round(entry.get("seconds") or 0, 1)
+    return [entries[k] for k in sorted(entries)]
+
+
+def percent(part, whole):
+    return "-" if part is None or not whole else f"{100.0 * part / whole:.1f}%"
+
+
+def salvage_rows(entries):
+    return [dict(e, share=percent(e.get("rows_intact_salvaged"), e.get("rows_intact")),
+                 rows_recover=("not available" if e.get("rows_recover") is None
+                               else e["rows_recover"]),
+                 files_worse_than_recover=("-" if e.get("files_worse_than_recover") is None
+                                           else e["files_worse_than_recover"]),
+                 files_recover_reported_errors=(
+                     "-" if e.get("files_recover_reported_errors") is None
+                     else e["files_recover_reported_errors"]))
+            for e in entries]
+
+
+def salvage(data):
+    columns = ["kind", "engine", "files", "rows_intact", "rows_intact_salvaged", "share",
+               "rows_salvaged", "rows_salvaged_wrong", "rows_intact_salvaged_wrong",
+               "rows_recover", "rows_repair_today",
+               "files_worse_than_recover", "files_recover_reported_errors", "files_not_salvaged",
+               "crashes", "leaks"]
+    headers = ["Kind", "Engine", "Files", "Rows on intact pages", "Of them salvaged", "Share",
+               "Rows salvaged", "Changed rows salvaged", "Of them from intact pages",
+               "Rows from .recover", "Rows after RepairDB",
+               "Files worse than .recover", "Files where .recover reported errors",
+               "Files not salvaged", "Crashes", "Leaks"]
+    campaign = [dict(v) for k, v in sorted(data.items())
+                if k.startswith("campaign-") and isinstance(v, dict)]
+    lines = []
+    if campaign:
+        lines += ["### Damage campaign", ""] + table(
+            salvage_rows(salvage_campaign(data)), columns, headers)
+        lines += ["", "#### By damage", ""] + table(
+            salvage_rows(campaign), ["kind", "damage"] + columns[1:] + ["seed"],
+            ["Kind", "Damage"] + headers[1:] + ["Seed"])
+    rest = {k: v for k, v in data.items() if not k.startswith("campaign-")}
+    return lines + (["", "### Damage cases of salvage_test", ""] + generic(rest) if rest else [])
+
+
+# Groups whose reports/<group>.json is a summary rather than the merged files.
+SUMMARIES = {"salvage": salvage_campaign}
+
 RENDERERS = {"faults": faults, "crash": crash, "corruption": corruption, "wrongkey": wrongkey,
              "concurrency": concurrency, "logguard": logguard, "security": security, "valgrind": valgrind,
-             "fuzz": fuzz, "suites": suites, "stages": stages, "payload": payload}
+             "fuzz": fuzz, "suites": suites, "stages": stages, "payload": payload,
+             "salvage": salvage}
 
 
 def main():
@@ -213,8 +286,9 @@ def main():
         if os.path.isdir(results) else []
     for group in groups:
         data = merge(os.path.join(results, group))
+        summary = SUMMARIES.get(group, lambda d: d)(data)
         with open(os.path.join(reports, group + ".json"), "w") as f:
-            json.dump(data, f, indent=1, sort_keys=True)
+            json.dump(summary, f, indent=1, sort_keys=True)
             f.write("\n")
         lines = RENDERERS.get(group, generic)(data)
         with open(os.path.join(reports, group + ".md"), "w") as f:

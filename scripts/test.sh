@@ -8,6 +8,7 @@
 #   bash scripts/test.sh --full   full tier (what CI runs): the host suite
 #                                 under load (ctest -j6, each test up to 3
 #                                 times), the device-fault campaigns at full
+#                                 scale, the salvage damage campaign at full
 #                                 scale, valgrind, the fuzzers, ThreadSanitizer,
 #                                 bench/costs --quick, the suite under
 #                                 ASan+UBSan, and the armhf
@@ -101,6 +102,8 @@ stage "host suite on 4.6.1, -j6 up to 2 times" \
 stage "device faults at full scale, 3.4.1" faults_stage default
 stage "device faults at full scale, 4.6.1" faults_stage sqlcipher4
 stage "valgrind memcheck" valgrind_stage
+stage "salvage damage campaign at full scale, 3.4.1" salvage_stage default
+stage "salvage damage campaign at full scale, 4.6.1" salvage_stage sqlcipher4
 stage "fuzzers (build/fuzz)" fuzz_stage
 stage "ThreadSanitizer (build/tsan)" tsan_stage
 stage "clang thread-safety analysis (build/thread-safety)" thread_safety_stage
@@ -119,7 +122,8 @@ done
 printf '\n== stage times (total %d s)\n' "$((SECONDS - started))"
 printf '%s\n' "${stage_lines[@]}"
 printf '\n== suites (reports in %s/reports)\n' "$build"
-for name in host host-sqlcipher4 faults faults-sqlcipher4 asan armhf; do
+for name in host host-sqlcipher4 faults faults-sqlcipher4 salvage salvage-sqlcipher4 asan \
+            armhf; do
   printf '%-6s ' "$name"
   grep -hE '^[0-9]+% tests passed' "$logs/ctest-$name.log" 2>/dev/null | tail -1 ||
     echo "no ctest summary"

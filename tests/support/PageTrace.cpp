@@ -1,7 +1,7 @@
 // The page-tracing VFS behind TracePages (PageTrace.h): a VFS named
 // "page_trace" over the process's default one, whose database files note
-// the offset of every whole-page read in a list the tracer empties after
-// each row.
+// the offset of every whole-page read (and, while overflow pages are
+// traced, of every read) in a list the tracer empties after each row.
 #include "PageTrace.h"
 
 #include <sqlcipher/sqlite3.h>
@@ -23,6 +23,7 @@ struct TraceFile {
 
 std::mutex g_mutex;
 std::vector<long long> g_reads;  // offsets of reads of database files
+bool g_partReads = false;        // reads of part of a page count too
 sqlite3_vfs* g_real = nullptr;
 sqlite3_io_methods g_methods;
 int g_pageSize = 0;
@@ -31,7 +32,7 @@ sqlite3_file* Real(sqlite3_file* file) { return reinterpret_cast<TraceFile*>(fil
 
 int TraceRead(sqlite3_file* file, void* buffer, int amount, sqlite3_int64 offset) {
   TraceFile* traced = reinterpret_cast<TraceFile*>(file);
-  if (traced->database && amount == g_pageSize) {
+  if (traced->database && (amount == g_pageSize || (g_partReads && g_pageSize > 0))) {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_reads.push_back(offset);
   }
@@ -125,7 +126,75 @@ long long PageSizeOf(sqlite3* db) {
   return size;
 }
 
+// Opens `path` read-only through the tracing VFS, keyed with `key` when
+// it is not empty; null on failure.
+sqlite3* OpenTraced(const std::string& path, const std::string& key) {
+  InstallOnce();
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, "page_trace") != SQLITE_OK ||
+      (!key.empty() && KeyInLibraryFormat(db, key) != SQLITE_OK)) {
+    sqlite3_close(db);
+    return nullptr;
+  }
+  return db;
+}
+
 }  // namespace
+
+bool TraceOverflow(const std::string& path, const std::string& key, const std::string& table,
+                   TablePages* pages) {
+  sqlite3* db = OpenTraced(path, key);
+  if (db == nullptr) return false;
+  g_pageSize = static_cast<int>(pages->pageSize);
+  PageSizeOf(db);  // loads the schema
+  // Each row is read alone, after the connection's cache was emptied: it
+  // reads page 1, its path of interior pages, its leaf, then its overflow
+  // chain, in that order.
+  sqlite3_stmt* stmt = nullptr;
+  const std::string sql = "SELECT * FROM \"" + table + "\" WHERE rowid = ?;";
+  bool ok = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK;
+  // An overflow page can be read straight from the file, in part.
+  g_partReads = true;
+  for (auto row = pages->leafOfRowid.cbegin(); ok && row != pages->leafOfRowid.cend(); ++row) {
+    sqlite3_db_release_memory(db);
+    TakePages();
+    sqlite3_bind_int64(stmt, 1, row->first);
+    ok = sqlite3_step(stmt) == SQLITE_ROW;
+    // A value is read from its overflow pages when the caller asks for it.
+    for (int i = 0; ok && i < sqlite3_column_count(stmt); ++i) sqlite3_column_blob(stmt, i);
+    const std::vector<long long> read = TakePages();
+    std::set<long long> overflow;
+    for (long long page : read) {
+      if (page != 1 && page != row->second && pages->interior.count(page) == 0) {
+        overflow.insert(page);
+      }
+    }
+    if (!overflow.empty()) pages->overflowOfRowid[row->first] = overflow;
+    sqlite3_reset(stmt);
+  }
+  g_partReads = false;
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return ok;
+}
+
+std::set<long long> SchemaPages(const std::string& path, const std::string& key,
+                                long long pageSize) {
+  std::set<long long> pages;
+  g_pageSize = static_cast<int>(pageSize);
+  sqlite3* db = OpenTraced(path, key);
+  if (db == nullptr) return pages;
+  TakePages();
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(db, "SELECT count(*) FROM sqlite_master;", -1, &stmt, nullptr) ==
+          SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    for (long long page : TakePages()) pages.insert(page);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return pages;
+}
 
 TablePages TracePages(const std::string& path, const std::string& key, const std::string& table,
                       const std::string& index, const std::string& column) {

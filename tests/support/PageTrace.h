@@ -18,6 +18,9 @@ struct TablePages {
   std::map<long long, long long> leafOfRowid;  // rowid -> leaf page
   std::set<long long> leaves;
   std::set<long long> interior;  // pages on the way to the leaves
+  // rowid -> the overflow pages of its record (filled by TraceOverflow;
+  // rows whose record fits on its leaf have no entry).
+  std::map<long long, std::set<long long>> overflowOfRowid;
   long long pageSize = 0;
   bool ok = false;  // the table read without error
 };
@@ -28,6 +31,19 @@ struct TablePages {
 // and leafOfRowid stays empty).
 TablePages TracePages(const std::string& path, const std::string& key, const std::string& table,
                       const std::string& index = "", const std::string& column = "");
+
+// Adds to `pages` (from TracePages on the same file and table) the
+// overflow pages of each row, from a read of that row alone with an empty
+// cache: after page 1 and the interior pages it reads the row's leaf, then
+// its overflow chain. False when a read failed.
+bool TraceOverflow(const std::string& path, const std::string& key, const std::string& table,
+                   TablePages* pages);
+
+// The pages read to load the schema of the file (page 1 and the pages of
+// sqlite_master), for a file of `pageSize`-byte pages. Empty when the file
+// does not open.
+std::set<long long> SchemaPages(const std::string& path, const std::string& key,
+                                long long pageSize);
 
 }  // namespace ipc_db_test
 
