@@ -52,7 +52,7 @@ def rows_table(rows, first=None):
     return table(rows, columns)
 
 
-def generic(data):
+def generic(data, level="##"):
     values = list(data.values())
     if values and all(isinstance(v, dict) for v in values):
         return rows_table([dict(file=name, **value) for name, value in data.items()],
@@ -60,9 +60,9 @@ def generic(data):
     lines = []
     for name, value in data.items():
         if isinstance(value, list) and value and all(isinstance(v, dict) for v in value):
-            lines += ["", f"## {name}", ""] + rows_table(value)
+            lines += ["", f"{level} {name}", ""] + rows_table(value)
         elif isinstance(value, dict):
-            lines += ["", f"### {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
+            lines += ["", f"{level}# {name}", ""] + [f"- {k}: {cell(v)}" for k, v in value.items()]
         else:
             lines.append(f"- {name}: {cell(value)}")
     return lines
@@ -262,7 +262,7 @@ def salvage(data):
             salvage_rows(campaign), ["kind", "damage"] + columns[1:] + ["seed"],
             ["Kind", "Damage"] + headers[1:] + ["Seed"])
     rest = {k: v for k, v in data.items() if not k.startswith("campaign-")}
-    return lines + (["", "### Damage cases of salvage_test", ""] + generic(rest) if rest else [])
+    return lines + (["", "### Damage cases of salvage_test", ""] + generic(rest, level="####") if rest else [])
 
 
 # Groups whose reports/<group>.json is a summary rather than the merged files.
